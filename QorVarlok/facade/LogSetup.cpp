@@ -1,0 +1,65 @@
+// The library's logging, set up when the library is loaded and taken down at
+// unload. Nothing configures it: one file per executable, under the current
+// directory at load.
+#include <spdlog/async.h>
+#include <spdlog/details/registry.h>
+#include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/spdlog.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "ExePath.h"
+#include "LogSetup.h"
+
+namespace qorvarlok::log {
+
+namespace {
+
+constexpr const char* kLoggerName = "Varlok";
+constexpr const char* kPattern = "%Y-%m-%d %H:%M:%S.%e (%P|%t) [%L] %v (%s:%# %!)";
+constexpr size_t kRotationSize = 0x200000;
+constexpr size_t kRotatedFiles = 5;
+
+class LogSetup {
+ public:
+  LogSetup() {
+    // The registry must be made before this object, so that it outlives it:
+    // otherwise shutdown() at static destruction touches a dead registry.
+    spdlog::details::registry::instance();
+    const std::string path = logFilePath(platform::executablePath());
+    spdlog::set_formatter(
+        std::make_unique<spdlog::pattern_formatter>(kPattern, spdlog::pattern_time_type::local, "\r\n"));
+    auto logger = spdlog::rotating_logger_mt<spdlog::async_factory>(kLoggerName, path, kRotationSize,
+                                                                    kRotatedFiles, false);
+    spdlog::set_default_logger(logger);
+    spdlog::flush_every(std::chrono::seconds(13));
+    spdlog::set_level(spdlog::level::info);
+    spdlog::enable_backtrace(10);
+  }
+  ~LogSetup() { spdlog::shutdown(); }
+  LogSetup(const LogSetup&) = delete;
+  LogSetup& operator=(const LogSetup&) = delete;
+};
+
+const LogSetup g_logSetup;
+
+}  // namespace
+
+std::string executablePart(const std::string& exePath) {
+  // From the last separator (kept) up to the last dot. A dot that stands
+  // before the separator gives a length that wraps, and the substring then
+  // takes the rest of the path.
+  const size_t slash = exePath.rfind('/');
+  const size_t dot = exePath.rfind('.');
+  const size_t start = slash == std::string::npos ? 0 : slash;
+  return exePath.substr(start, dot - start);
+}
+
+std::string logFilePath(const std::string& exePath) {
+  return std::string("./varloklogs/") + executablePart(exePath) + "/" + kLoggerName + ".log";
+}
+
+}  // namespace qorvarlok::log

@@ -1,0 +1,69 @@
+// What is this tag name? The table of every tag by full name (local form),
+// resolution of names with array indices against the bounds registry, and
+// the homes of the defined tag lists. No lock: every use is under the
+// owning backend's m_mutex.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "TagNode.h"
+#include "TagsList.h"
+#include "TagData.h"
+
+namespace qorvarlok::tags {
+
+class TagsManager {
+ public:
+  TagsManager();
+  ~TagsManager();
+  TagsManager(const TagsManager&) = delete;
+  TagsManager& operator=(const TagsManager&) = delete;
+
+  void SetInstanceId(uint32_t id) { instanceId = id; }
+  uint32_t InstanceId() const { return instanceId; }
+
+  // Takes ownership of the configuration; fills the table; makes the chain head.
+  unsigned int InitTagsManagerPrivate(symbols::TagsConfig* config);
+  void ReleaseTagsManagerPrivate();
+  unsigned int InitTagsNodeHashByConf();
+  void ReleaseTagsNodeHash();
+
+  TagNode* searchNode(const std::string& name);   // logs a miss
+  TagNode* findTagNode(const std::string& name);  // plain or indexed name; null on a miss
+
+  // The stricter split that nothing calls: name without brackets, bracket texts.
+  bool splitStrict(const std::string& name, std::string& bare, std::vector<std::string>& brackets) const;
+
+  // Node-level access holds a place in the interface: "not support".
+  std::string readNode(const TagNode* node);
+  int writeNode(TagNode* node, const std::string& value);
+
+  // Tag lists.
+  unsigned int createHandleByTagsListNames(TagsList** out, uint32_t seq, const std::vector<std::string>& names);
+  unsigned int createTcpTagListByHandle(void* handle, const std::vector<std::string>& names);
+  bool pushListBack(TagsList* list, uint32_t seq);
+  void deleteFromBack();
+  bool deleteFromList(void* handleField);
+  TagsList* searchShmTagsList(void* handleField);
+  void releaseAllShmTagsList();
+  TagsList* searchTcpTagsList(void* handle);
+  void deleteTcpTagsList(void* handle);
+  void releaseAllTcpTagsList();
+
+  TagsList* ListHead() const { return m_pTagListHead; }
+  symbols::TagsConfig* Config() const { return tagsConfig; }
+  size_t NodeCount() const { return tagsNodeHash.size(); }
+
+ private:
+  symbols::TagsConfig* tagsConfig = nullptr;
+  std::map<std::string, TagNode*> tagsNodeHash;
+  std::map<std::string, std::string> reservedMap;
+  std::map<void*, TagsList*> tcpTagLists;
+  TagsList* m_pTagListHead = nullptr;
+  uint32_t instanceId = 0;
+};
+
+}  // namespace qorvarlok::tags

@@ -1,0 +1,55 @@
+// The tag tree that callers see, made from a SymbolConfiguration. Variables
+// are mirrored when the TagsConfig is made; members of structures and arrays
+// are added on demand. Array elements are never expanded: an array's bounds go
+// into the array bounds registry instead.
+#pragma once
+
+#include <list>
+#include <vector>
+
+#include "QorVarlok/ZelVarlok.h"
+#include "SymbolModel.h"
+
+namespace qorvarlok::symbols {
+
+// One node of the tree. Its tagTagDesc part is what callers get (as deep
+// copies); TagsHandle points back to the node.
+class TagData : protected tagTagDesc {
+ public:
+  TagData();
+  virtual ~TagData();
+  TagData(const TagData&) = delete;
+  TagData& operator=(const TagData&) = delete;
+
+  const tagTagDesc& Desc() const { return *this; }
+  tagTagDesc& Desc() { return *this; }
+
+  std::list<TagData*>* children = nullptr;  // made with the first child; owned
+  tagTagDesc* subTagsDesc = nullptr;        // children in flat form, cached; owned
+  TagData* parent = nullptr;
+  TypeBase* type = nullptr;                 // null for groups and the root
+};
+
+// The root of the tree; owns the document. Its address is the handle of an
+// open symbol configuration.
+class TagsConfig : public TagData {
+ public:
+  explicit TagsConfig(SymbolConfiguration* configuration);
+  ~TagsConfig() override;
+
+  tagTagDesc* allTagsDesc = nullptr;
+  SymbolConfiguration* symbolConfiguration = nullptr;
+  unsigned int allTagsCount = 0;
+  std::list<tagTagDesc*> retiredDescArrays;  // handed out by the low-memory operations
+};
+
+// Description access. Arrays belong to the tree; callers never free them.
+unsigned int GetAllTagsDescription(TagsConfig* pTagConfig, tagTagDesc** descs, unsigned int* count);
+unsigned int GetToppestTagsDescription(TagsConfig* pTagConfig, tagTagDesc** descs, unsigned int* count);
+unsigned int GetSubTagsDescription(void* hTagsInfo, tagTagDesc** descs, unsigned int* count);
+unsigned int GetToppestTagsDescriptionWithLowMemory(TagsConfig* pTagConfig, tagTagDesc** descs,
+                                                    unsigned int* count);
+unsigned int GetSubTagsDescriptionWithLowMemory(TagsConfig* pTagConfig, void* hTagsInfo, tagTagDesc** descs,
+                                                unsigned int* count);
+
+}  // namespace qorvarlok::symbols

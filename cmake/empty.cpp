@@ -1,0 +1,1 @@
+// The library is assembled from static parts; see QorVarlokLibrary.cmake.

@@ -1,0 +1,15 @@
+#include "ExePath.h"
+
+#include <limits.h>
+#include <unistd.h>
+
+namespace qorvarlok::platform {
+
+std::string executablePath() {
+  char buffer[PATH_MAX + 1] = {0};
+  const ssize_t n = ::readlink("/proc/self/exe", buffer, PATH_MAX);
+  if (n <= 0) return std::string();
+  return std::string(buffer, static_cast<size_t>(n));
+}
+
+}  // namespace qorvarlok::platform

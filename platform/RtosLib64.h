@@ -1,0 +1,39 @@
+/* RtosLib64: the eight calls through which a client reaches the controller's
+   partition: named shared memory areas, auto-reset events, and a liveness
+   test. C linkage. All results are 32-bit; 0 is success except RtosIsAlive,
+   which gives non-zero while the partition's controller runs.
+
+   Object names carry the partition name, which only this library knows
+   (environment variable VARLOK_PARTITION, default "varlok"). Handles and
+   mappings are never given back: there is no call for it. */
+#ifndef QORVARLOK_RTOSLIB64_H
+#define QORVARLOK_RTOSLIB64_H
+
+#include <stdint.h>
+#include <wchar.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define RTOS_API __attribute__((visibility("default")))
+
+/* Result of RtosWaitEvent when the timeout ran out. */
+#define RTE_ERROR_TIMEOUT 4203u
+
+typedef void* RTOS_EVENT;
+
+RTOS_API uint32_t RtosInit(void);
+RTOS_API uint32_t RtosOpenEvent(uint32_t reserved1, uint32_t reserved2, const char* name, RTOS_EVENT* event);
+RTOS_API uint32_t RtosSendEvent(RTOS_EVENT event);
+RTOS_API uint32_t RtosWaitEvent(RTOS_EVENT event, uint32_t timeoutMs);
+RTOS_API uint32_t RtosIsAlive(void);
+RTOS_API uint32_t RtosQueryShmId(const wchar_t* name, uint32_t mode, uint32_t* id);
+RTOS_API uint32_t RtosMapShm(uint32_t id, uint32_t offset, uint32_t length, uint32_t* reserved, void** address);
+RTOS_API uint32_t RtosQueryShmSize(uint32_t id, uint32_t* size);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
