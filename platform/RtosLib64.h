@@ -20,6 +20,11 @@ extern "C" {
 
 /* Result of RtosWaitEvent when the timeout ran out. */
 #define RTE_ERROR_TIMEOUT 4203u
+/* Further results of this implementation. */
+#define RTE_ERROR_INVALID_PARAMETER 4201u /* null pointer, bad name, bad id, bad range */
+#define RTE_ERROR_NOT_FOUND 4202u         /* no area or event of that name in a running partition */
+#define RTE_ERROR_PARTITION_DOWN 4204u    /* no controller runs the partition */
+#define RTE_ERROR_SYSTEM 4205u            /* a system call failed */
 
 typedef void* RTOS_EVENT;
 
@@ -31,6 +36,14 @@ RTOS_API uint32_t RtosIsAlive(void);
 RTOS_API uint32_t RtosQueryShmId(const wchar_t* name, uint32_t mode, uint32_t* id);
 RTOS_API uint32_t RtosMapShm(uint32_t id, uint32_t offset, uint32_t length, uint32_t* reserved, void** address);
 RTOS_API uint32_t RtosQueryShmSize(uint32_t id, uint32_t* size);
+
+/* Not among the eight: the partition name of every object name (VARLOK_PARTITION,
+   default "varlok"), for the named mutexes; null when the variable holds a name
+   that cannot be used (empty, too long, '/' or non-printable characters). */
+RTOS_API const char* RtosPartitionName(void);
+/* Not among the eight: how long RtosWaitEvent spins before it sleeps, in
+   microseconds, for this process (default 50; 0 sleeps at once). Gives the old value. */
+RTOS_API uint32_t RtosSetEventSpin(uint32_t microseconds);
 
 #ifdef __cplusplus
 }
