@@ -241,4 +241,95 @@ QORVARLOK_API void ReleaseSymbolConfigHandle(void* handle);
 }
 
 // ------------------------------------------------------------ the class
-// (declared by the facade; see below)
+class ZelVarlok_p;
+
+// One connection to one controller. Drive it in this order: InitializeCom,
+// ConnectToPlcDevice, CreateTagsHandle, reads and writes, DeleteTagsHandle,
+// DisconnectFromDevice, ExitVarlokCommunication. A step left out answers with
+// its guard's code. Handles of tag lists belong to the object that made them.
+// Every operation of every object in the process runs one at a time.
+// Do not copy or assign objects: the copy shares the private state and both
+// copies would delete it.
+class QORVARLOK_API ZelVarlok {
+ public:
+  ZelVarlok();
+  ~ZelVarlok();
+
+  // The configuration is a handle of CreateSymbolConfigHandle(W); release it
+  // there after ExitVarlokCommunication.
+  unsigned int InitializeCom(const ComType& comType, void* symbolConfig);
+  // Path of the symbol file in the process's narrow encoding.
+  unsigned int InitializeCom(const ComType& comType, const char* path);
+  unsigned int InitializeCom(const ComType& comType, std::wstring path);
+
+  // netIp is exactly "Local" for COM_TYPE_LOCAL, a host for COM_TYPE_TCP.
+  void* ConnectToPlcDevice(const char* netIp, unsigned int& error);
+  void* ConnectToPlcDevice(std::string netIp, unsigned int& error);
+  unsigned int DisconnectFromDevice(void* device);
+  unsigned int ExitVarlokCommunication();
+
+  // Names in UTF-8 or in the process's narrow encoding.
+  HTAGLIST CreateTagsHandle(const char** names, unsigned int count, unsigned int& error);
+  HTAGLIST CreateTagsHandle(const char* name, unsigned int& error);
+  HTAGLIST CreateTagsHandle(std::string name, unsigned int& error);
+  HTAGLIST CreateTagsHandle(std::vector<std::string> names, unsigned int& error);
+  // Names exactly as the tag table holds them (the process's narrow encoding).
+  HTAGLIST CreateTagsHandleAnsi(const char** names, unsigned int count, unsigned int& error);
+  HTAGLIST CreateTagsHandleAnsi(const char* name, unsigned int& error);
+  HTAGLIST CreateTagsHandleAnsi(std::string name, unsigned int& error);
+  HTAGLIST CreateTagsHandleAnsi(std::vector<std::string> names, unsigned int& error);
+  unsigned int DeleteTagsHandle(HTAGLIST handle);
+
+  unsigned int ReadTagList(HTAGLIST handle, std::vector<tagTagVarValue>& values, unsigned int& count);
+  unsigned int ReadTagList(HTAGLIST handle, tagTagVarValue** values, unsigned int& count);
+  unsigned int WriteTagList(HTAGLIST handle, std::vector<std::string>& values);
+  unsigned int WriteTagList(HTAGLIST handle, unsigned char* data, unsigned int count);
+  // length: bytes of one element; start and count in elements, 0 and 0 for all.
+  unsigned int ReadArray(HTAGLIST handle, int length, void* data, unsigned int start, unsigned int count);
+  unsigned int WriteArray(HTAGLIST handle, int length, void* data, unsigned int start, unsigned int count);
+  unsigned int ReadStructField(HTAGLIST handle, void* data, int length);
+  unsigned int WriteStructField(HTAGLIST handle, const void* data, int length);
+
+  // Typed read of a list: one variable per tag, in list order. Strings
+  // (std::string, std::wstring) take the tag's whole text; any other variable
+  // must have exactly the tag's byte size.
+  template <typename... Vars>
+  unsigned int ReadTagValues(HTAGLIST handle, Vars&... vars) {
+    const unsigned int key = sessionId();
+    (SaveTemplateData(key, static_cast<void*>(&vars), typeid(Vars), templateLength(vars)), ...);
+    return ReadTagInner(key, handle);
+  }
+  // Typed write of a list, with the same rules.
+  template <typename... Vars>
+  unsigned int WriteTagValues(HTAGLIST handle, const Vars&... vars) {
+    const unsigned int key = sessionId();
+    (SaveTemplateData(key, const_cast<void*>(static_cast<const void*>(&vars)), typeid(Vars),
+                      templateLength(vars)),
+     ...);
+    return WriteTagInner(key, handle);
+  }
+  unsigned int ReadTagInner(unsigned int key, HTAGLIST handle);
+  unsigned int WriteTagInner(unsigned int key, HTAGLIST handle);
+
+  // The records of a defined list; descs needs room for GetTagsListLength entries.
+  int GetTagDescByDefinedHandle(HTAGLIST handle, tagTagDesc** descs);
+  // A tag of the table by full name, null when there is none; needs InitializeCom.
+  tagTagDesc* GetTagDescByName(std::string name);
+  int GetTagsListLength(HTAGLIST handle);
+
+ private:
+  unsigned int ReadTagDataFromBuff(unsigned int key, HTAGLIST handle);
+  unsigned int WirteTagDataFromBuff(unsigned int key, HTAGLIST handle);
+  void SaveTemplateData(unsigned int key, void* data, const std::type_info& type, const int& length);
+  unsigned int sessionId();
+
+  // Strings are measured in characters, everything else by its size.
+  static int templateLength(const std::string& value) { return static_cast<int>(value.size()); }
+  static int templateLength(const std::wstring& value) { return static_cast<int>(value.size()); }
+  template <typename T>
+  static int templateLength(const T&) {
+    return static_cast<int>(sizeof(T));
+  }
+
+  ZelVarlok_p* m_ZelVarlokPrivate;
+};
