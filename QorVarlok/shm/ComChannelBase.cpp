@@ -1,0 +1,108 @@
+#include <chrono>
+#include <exception>
+#include <future>
+
+#include "ComThread.h"
+#include "QorVarlok/ZelVarlok.h"
+#include "RtosApi.h"
+#include "VarlokLog.h"
+
+namespace qorvarlok::shm {
+
+using platform::Rtos;
+
+void ComChannelBase::CpuRelax() {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#endif
+}
+
+uint32_t ComChannelBase::SendEvent() {
+  if (m_hEventTx == nullptr) return 1;
+  return Rtos().SendEvent(m_hEventTx);
+}
+
+bool ComChannelBase::OpenEvents(const char* func, const char* rxName, const char* txName) {
+  uint32_t r = Rtos().OpenEvent(0, 0, rxName, &m_hEventRx);
+  if (r != 0) {
+    VLOGP(warn, func, "m_hEventRx,Error(0x%X)", r);
+    return false;
+  }
+  VLOG(info, func, "m_hEventRx,Ok");
+  r = Rtos().OpenEvent(0, 0, txName, &m_hEventTx);
+  if (r != 0) {
+    VLOGP(warn, func, "m_hEventTx,Error(0x%X)", r);
+    return false;
+  }
+  VLOG(info, func, "m_hEventTx,Ok");
+  return true;
+}
+
+uint32_t ComChannelBase::RunAsync(const AsyncProfile& p, std::function<uint32_t()> body) {
+  const uint32_t w = platform::WaitForNamedMutex(m_hMutex, kMutexWaitMs);
+  if (w == platform::kWaitAbandoned) {
+    // Owned now, deliberately not released, and nothing is sent.
+    if (p.connectTexts) {
+      VLOG(err, p.func, "WAIT_ABANDONED");
+    } else {
+      VLOG(warn, p.func, "WAIT_ABANDONED");
+    }
+    return 0;
+  }
+  if (w != platform::kWaitObject0) {
+    if (p.connectTexts) {
+      VLOG(err, p.func, "WaitForSingleObject,E: {}", w);
+    } else {
+      VLOGP(warn, p.func, "WaitForSingleObject,E:%d", static_cast<int>(w));
+    }
+    return ERR_WAIT_TIMEOUT;
+  }
+  if (m_hShmDataSwap == nullptr) {
+    if (p.connectTexts) {
+      VLOG(err, p.func, "m_hShmDataSwap == nullptr");
+    } else {
+      VLOG(warn, p.func, "m_hShmDataSwap == nullptr");
+    }
+    return 0;
+  }
+
+  m_bBusy = true;
+  std::future<uint32_t> worker;
+  try {
+    worker = std::async(std::launch::async, std::move(body));
+  } catch (const std::exception&) {
+    // No thread could be started: the task did not run.
+  }
+  uint32_t result = 0;
+  std::exception_ptr failure;
+  const auto status =
+      worker.valid() ? worker.wait_for(std::chrono::milliseconds(p.futureMs)) : std::future_status::deferred;
+  if (status == std::future_status::ready) {
+    try {
+      result = worker.get();
+    } catch (...) {
+      failure = std::current_exception();
+    }
+  } else if (status == std::future_status::timeout) {
+    VLOGU(err, p.func, p.timeoutText);
+    result = ERR_WAIT_TIMEOUT;
+    m_bRtosError = true;
+  } else {
+    VLOGU(err, p.func, p.failedText);
+    result = p.failedCode;
+  }
+  m_bBusy = false;  // ends a worker's spin on Flag
+  if (!platform::ReleaseNamedMutex(m_hMutex)) {
+    if (p.connectTexts) {
+      VLOG(err, p.func, "ReleaseMutex {}", platform::NamedMutexLastError());
+    } else {
+      VLOGP(err, p.func, "ReleaseMutex %d", static_cast<int>(platform::NamedMutexLastError()));
+    }
+  }
+  // The future's end waits for the worker, which may still use the caller's record.
+  worker = std::future<uint32_t>();
+  if (failure) std::rethrow_exception(failure);
+  return result;
+}
+
+}  // namespace qorvarlok::shm
