@@ -9,15 +9,18 @@
 #include <string>
 #include <vector>
 
+#include "TagData.h"
+#include "TagNameSplit.h"
 #include "TagNode.h"
 #include "TagsList.h"
-#include "TagData.h"
 
 namespace qorvarlok::tags {
 
 class TagsManager {
  public:
   TagsManager();
+  // Frees whatever a missing ReleaseTagsManagerPrivate left: lists, nodes,
+  // configuration. The bounds registry is left alone.
   ~TagsManager();
   TagsManager(const TagsManager&) = delete;
   TagsManager& operator=(const TagsManager&) = delete;
@@ -26,6 +29,7 @@ class TagsManager {
   uint32_t InstanceId() const { return instanceId; }
 
   // Takes ownership of the configuration; fills the table; makes the chain head.
+  // Called again with another configuration, it releases the first one fully.
   unsigned int InitTagsManagerPrivate(symbols::TagsConfig* config);
   void ReleaseTagsManagerPrivate();
   unsigned int InitTagsNodeHashByConf();
@@ -58,6 +62,16 @@ class TagsManager {
   size_t NodeCount() const { return tagsNodeHash.size(); }
 
  private:
+  // Builds a list: tcpHandle null for shared memory (offsets, records, chained
+  // with seq), else for TCP. Null with the first bad name in failed, or null
+  // with failed empty when chaining failed.
+  TagsList* buildTagsList(const std::vector<std::string>& names, void* tcpHandle, uint32_t seq,
+                          std::vector<std::string>& failed);
+  bool appendNode(TagsList& list, const std::string& name, bool withOffsets, std::vector<std::string>& failed);
+  bool indicesWithinBounds(const IndexMap& indices) const;
+  TagNode* insertIndexedNode(const std::string& name, const TagNode& base);
+  void releaseAll();
+
   symbols::TagsConfig* tagsConfig = nullptr;
   std::map<std::string, TagNode*> tagsNodeHash;
   std::map<std::string, std::string> reservedMap;
