@@ -5,6 +5,7 @@
 #pragma once
 
 #include <list>
+#include <unordered_set>
 #include <vector>
 
 #include "QorVarlok/ZelVarlok.h"
@@ -41,6 +42,9 @@ class TagsConfig : public TagData {
   SymbolConfiguration* symbolConfiguration = nullptr;
   unsigned int allTagsCount = 0;
   std::list<tagTagDesc*> retiredDescArrays;  // handed out by the low-memory operations
+  // Nodes that the low-memory operations handed out and that nobody has
+  // visited yet: only they may be visited, each once, and the rest go with the root.
+  std::unordered_set<TagData*> lowMemoryPending;
 };
 
 // Description access. Arrays belong to the tree; callers never free them.
