@@ -1,0 +1,116 @@
+// The fault guard against a real vanished mapping (a controller that
+// truncated its areas), in this executable and inside a shared library, and
+// its chaining to the handlers that were installed before it.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+
+#include <cstring>
+
+#include "FaultGuard.h"
+#include "FaultGuardProbe.h"
+#include "PlatformTestSupport.h"
+#include "RtosHost.h"
+#include "RtosLib64.h"
+
+using namespace qorvarlok::platform;
+using qorvarlok::rtos::Channel;
+using qorvarlok::rtos::RtosHost;
+using qorvarlok::rtos::RtosHostOptions;
+using platformtest::ScopedPartition;
+using platformtest::Spawn;
+using platformtest::WaitChild;
+
+namespace {
+
+// Maps the DataSwapArea as a client would, through libRtosLib64.
+uint8_t* MapDataSwap() {
+  uint32_t id = 0;
+  void* address = nullptr;
+  if (RtosQueryShmId(L"DataSwapArea", 4, &id) != 0 || RtosMapShm(id, 0, 0x500000, nullptr, &address) != 0)
+    return nullptr;
+  return static_cast<uint8_t*>(address);
+}
+
+std::unique_ptr<RtosHost> StartHost() {
+  RtosHostOptions options;
+  options.connectAreaSize = 512;
+  options.notifyAreaSize = 512;
+  options.dataSwapAreaSize = 0x280000;
+  return RtosHost::Create(options, nullptr);
+}
+
+}  // namespace
+
+TEST(FaultGuard, TruncatedAreaFaultsIntoTheResultAndTheProcessLivesOn) {
+  ScopedPartition partition("guard");
+  auto host = StartHost();
+  ASSERT_NE(host, nullptr);
+  uint8_t* slot = MapDataSwap();
+  ASSERT_NE(slot, nullptr);
+  std::memset(slot, 0x5A, 64);
+
+  using Clear = bool (*)(uint8_t*, size_t);
+  const struct {
+    const char* where;
+    Clear clear;
+  } writers[] = {
+      {"executable", [](uint8_t* p, size_t n) { return RunFaultGuarded([&] { std::memset(p, 0, n); }); }},
+      {"shared library", [](uint8_t* p, size_t n) { return ProbeGuardedClear(p, n) == 1; }},
+  };
+  // Intact first: both writers clear the bytes and report success.
+  for (const auto& writer : writers) {
+    slot[10] = 0x5A;
+    EXPECT_TRUE(writer.clear(slot, 0x280000)) << writer.where;
+    EXPECT_EQ(slot[10], 0) << writer.where;
+  }
+  ASSERT_TRUE(host->TruncateAreas());
+  for (const auto& writer : writers) {
+    EXPECT_FALSE(writer.clear(slot, 0x280000)) << writer.where;
+    EXPECT_EQ(CurrentFaultGuardFrame(), nullptr) << writer.where << ": the frame is taken down";
+  }
+  // Nested guards: the inner fault lands in the inner frame, the outer goes on.
+  bool inner = true;
+  EXPECT_TRUE(RunFaultGuarded([&] { inner = RunFaultGuarded([&] { slot[0] = 1; }); }));
+  EXPECT_FALSE(inner);
+  uint8_t local[16] = {1};
+  EXPECT_TRUE(RunFaultGuarded([&] { std::memset(local, 0, sizeof local); }));
+  EXPECT_EQ(local[0], 0);
+}
+
+// Outside a guarded region a fault goes to whatever handled it before: the
+// application's own handler, or the default action that ends the process.
+TEST(FaultGuard, FaultsOutsideAGuardGoToThePreviousHandler) {
+  ScopedPartition partition("chain");
+  enum class Before { OwnHandler, Default };
+  for (Before before : {Before::OwnHandler, Before::Default}) {
+    const pid_t child = Spawn([&] {
+      if (before == Before::OwnHandler) {
+        struct sigaction own {};
+        own.sa_flags = SA_SIGINFO;
+        own.sa_sigaction = [](int signal, siginfo_t*, void*) { _exit(signal == SIGBUS ? 42 : 43); };
+        sigaction(SIGBUS, &own, nullptr);
+      }
+      InstallFaultGuard();
+      auto host = StartHost();
+      uint8_t* slot = host ? MapDataSwap() : nullptr;
+      if (slot == nullptr || !host->TruncateAreas()) return 1;
+      if (RunFaultGuarded([&] { slot[0] = 1; })) return 2;  // guarded: a result
+      slot[0] = 1;                                          // unguarded: the previous handler
+      return 3;
+    });
+    const auto result = WaitChild(child, 5000);
+    if (before == Before::OwnHandler)
+      EXPECT_TRUE(result.Exited(42)) << "status " << result.status;
+    else
+      EXPECT_TRUE(result.Signalled(SIGBUS)) << "status " << result.status;
+  }
+}
+
+TEST(FaultGuard, SegvOfAGuardedWriteIsCaughtToo) {
+  void* page = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(page, MAP_FAILED);
+  EXPECT_FALSE(ProbeGuardedClear(page, 16));
+  EXPECT_FALSE(RunFaultGuarded([&] { static_cast<volatile char*>(page)[0] = 1; }));
+  munmap(page, 4096);
+}
