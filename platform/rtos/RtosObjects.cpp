@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/futex.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -45,6 +46,8 @@ bool Spin(EventWord* event, int64_t spinEndNs) {
       CpuRelax();
     }
     if (MonotonicNs() >= spinEndNs) return false;
+    // Gives the processor to the peer when both share it; returns at once otherwise.
+    sched_yield();
   }
 }
 

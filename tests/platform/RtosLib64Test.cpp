@@ -182,6 +182,8 @@ TEST(RtosLib64, EventSignalledInOneProcessWakesWaiterInAnother) {
     });
     EXPECT_EQ(host->WaitRequest(Channel::DataSwap, 3000), 0u) << "spin " << spin;
     EXPECT_EQ(slot[4], 1);
+    // Late enough that the child is asleep, not spinning: the wake must cross.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
     slot[4] = 0x81;
     EXPECT_EQ(host->SignalAnswer(Channel::DataSwap), 0u);
     EXPECT_TRUE(WaitChild(child, 5000).Exited(0)) << "spin " << spin;
