@@ -1,0 +1,190 @@
+// varlok-sim: a soft controller. Serves the three shared memory channels of a
+// partition from a process image built from a symbol file, until SIGINT or
+// SIGTERM, then removes what it created. Logs to stderr; prints "ready" on
+// stdout (and on --ready-fd) once it serves.
+#include <pthread.h>
+#include <signal.h>
+#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/spdlog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "Controller.h"
+#include "DemoTask.h"
+#include "SymbolConfigReader.h"
+#include "VarlokLog.h"
+#include "WideConv.h"
+
+namespace {
+
+using namespace qorvarlok::controller;
+
+enum ExitCode { kExitOk = 0, kExitUsage = 1, kExitSymbols = 2, kExitCannotServe = 4 };
+
+const char* const kUsage =
+    "usage: varlok-sim --symbols FILE [--partition NAME] [--demo] [options]\n"
+    "  --symbols FILE          symbol configuration file (XML) the process image is built from\n"
+    "  --partition NAME        partition to serve (default: VARLOK_PARTITION, else \"varlok\")\n"
+    "  --demo                  move App.GVL.counter, App.GVL.sine and App.GVL.toggle cyclically\n"
+    "  --demo-cycle-ms N       cycle of the demo task (default 100)\n"
+    "  --connect-size N        bytes of ConnectArea (default 512)\n"
+    "  --notify-size N         bytes of NotifyArea (default 5242880)\n"
+    "  --dataswap-size N       bytes of DataSwapArea (default 5242880)\n"
+    "  --ready-fd N            write \"ready\\n\" to file descriptor N once serving, then close it\n"
+    "  --log-level LEVEL       trace, debug, info (default), warn, err\n"
+    "fault injection (CH is connect, define, dataswap or all; a comma list is allowed):\n"
+    "  --refuse-connect N      answer every connect with errInfo N (2, 3 or 4)\n"
+    "  --silent CH             never answer commands on CH\n"
+    "  --late-ms N [--late CH] answer N ms late (on CH, default all)\n"
+    "  --keep-flag CH          answer on CH but leave Flag as the request left it\n"
+    "  --error CH --error-value N   answer on CH with Err N, without carrying the command out\n"
+    "  --vanish CH             on the first command on CH, cut the areas and exit (code 3)\n";
+
+struct Options {
+  std::string symbols;
+  bool demo = false;
+  uint32_t demoCycleMs = 100;
+  int readyFd = -1;
+  std::string logLevel = "info";
+  ControllerOptions controller;
+};
+
+bool ParseNumber(const char* text, uint32_t& out) {
+  if (text == nullptr || *text == '\0') return false;
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long long v = std::strtoull(text, &end, 10);
+  if (*end != '\0' || errno != 0 || v > UINT32_MAX || text[0] == '-') return false;
+  out = static_cast<uint32_t>(v);
+  return true;
+}
+
+bool ParseChannels(const char* text, uint32_t& mask) {
+  if (text == nullptr) return false;
+  std::string rest = text;
+  mask = 0;
+  while (!rest.empty()) {
+    const size_t comma = rest.find(',');
+    const std::string word = rest.substr(0, comma);
+    if (word == "connect") mask |= ChannelBit(Channel::Connect);
+    else if (word == "define") mask |= ChannelBit(Channel::Notify);
+    else if (word == "dataswap") mask |= ChannelBit(Channel::DataSwap);
+    else if (word == "all") mask |= kAllChannels;
+    else return false;
+    rest = comma == std::string::npos ? "" : rest.substr(comma + 1);
+  }
+  return mask != 0;
+}
+
+// Empty on success, else what is wrong.
+std::string ParseArguments(int argc, char** argv, Options& o) {
+  FaultPlan& f = o.controller.faults;
+  qorvarlok::rtos::RtosHostOptions& h = o.controller.host;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
+    auto number = [&](uint32_t& out) { return ParseNumber(value, out) && ++i; };
+    auto channels = [&](uint32_t& out) { return ParseChannels(value, out) && ++i; };
+    uint32_t n = 0;
+    bool ok = true;
+    if (arg == "--symbols" && value != nullptr) o.symbols = argv[++i];
+    else if (arg == "--partition" && value != nullptr) h.partition = argv[++i];
+    else if (arg == "--demo") o.demo = true;
+    else if (arg == "--demo-cycle-ms") ok = number(o.demoCycleMs) && o.demoCycleMs > 0;
+    else if (arg == "--connect-size") ok = number(h.connectAreaSize);
+    else if (arg == "--notify-size") ok = number(h.notifyAreaSize);
+    else if (arg == "--dataswap-size") ok = number(h.dataSwapAreaSize);
+    else if (arg == "--ready-fd") ok = number(n) && n <= INT32_MAX && (o.readyFd = static_cast<int>(n), true);
+    else if (arg == "--log-level" && value != nullptr) o.logLevel = argv[++i];
+    else if (arg == "--refuse-connect") ok = number(f.refuseConnect) && f.refuseConnect >= 2 && f.refuseConnect <= 4;
+    else if (arg == "--silent") ok = channels(f.silentMask);
+    else if (arg == "--late-ms") ok = number(f.lateMs);
+    else if (arg == "--late") ok = channels(f.lateMask);
+    else if (arg == "--keep-flag") ok = channels(f.keepFlagMask);
+    else if (arg == "--error") ok = channels(f.errorMask);
+    else if (arg == "--error-value") ok = number(f.errorValue);
+    else if (arg == "--vanish") ok = channels(f.vanishMask);
+    else return "unknown or incomplete option " + arg;
+    if (!ok) return "bad value for " + arg + (value != nullptr ? std::string(": ") + value : std::string());
+  }
+  if (o.symbols.empty()) return "--symbols FILE is required";
+  if (f.errorMask != 0 && f.errorValue == 0) return "--error needs --error-value N with N not 0";
+  return "";
+}
+
+void SetUpLogging(const std::string& level) {
+  auto logger = spdlog::stderr_logger_mt("varlok-sim");
+  logger->set_pattern("%Y-%m-%d %H:%M:%S.%e [%l] %v");
+  logger->set_level(spdlog::level::from_str(level));
+  logger->flush_on(spdlog::level::trace);
+  spdlog::set_default_logger(logger);
+}
+
+std::unique_ptr<ProcessImage> LoadImage(const std::string& path) {
+  qorvarlok::symbols::SymbolConfigReader reader;
+  char* message = nullptr;
+  std::unique_ptr<qorvarlok::symbols::SymbolConfiguration> config(
+      reader.ReadFile(qorvarlok::platform::narrowToWide(path.c_str()), &message));
+  if (!config) {
+    std::fprintf(stderr, "varlok-sim: cannot read %s: %s (0x%X)\n", path.c_str(), message ? message : "",
+                 reader.LastError());
+    delete[] message;
+    return nullptr;
+  }
+  delete[] message;
+  return ProcessImage::Build(*config);
+}
+
+void AnnounceReady(int readyFd) {
+  std::fputs("ready\n", stdout);
+  std::fflush(stdout);
+  if (readyFd < 0) return;
+  const char line[] = "ready\n";
+  if (write(readyFd, line, sizeof line - 1) < 0) VLOG(warn, "varlok-sim", "cannot write to --ready-fd {}", readyFd);
+  close(readyFd);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  const std::string problem = ParseArguments(argc, argv, options);
+  if (!problem.empty()) {
+    std::fprintf(stderr, "varlok-sim: %s\n%s", problem.c_str(), kUsage);
+    return kExitUsage;
+  }
+  SetUpLogging(options.logLevel);
+  std::unique_ptr<ProcessImage> image = LoadImage(options.symbols);
+  if (!image) return kExitSymbols;
+
+  // Block the stop signals in every thread, so that only sigwait below sees them.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+  std::string error;
+  std::unique_ptr<Controller> controller = Controller::Start(std::move(image), options.controller, &error);
+  if (!controller) {
+    std::fprintf(stderr, "varlok-sim: cannot start: %s\n", error.c_str());
+    return kExitCannotServe;
+  }
+  std::unique_ptr<DemoTask> demo;
+  if (options.demo) demo = std::make_unique<DemoTask>(controller->Handler(), options.demoCycleMs);
+  AnnounceReady(options.readyFd);
+
+  int signal = 0;
+  sigwait(&stopSignals, &signal);
+  VLOG(info, "varlok-sim", "stopping on signal {}", signal);
+  demo.reset();
+  controller.reset();
+  spdlog::shutdown();
+  return kExitOk;
+}
