@@ -105,7 +105,7 @@ uint32_t RtosWaitEvent(RTOS_EVENT event, uint32_t timeoutMs) {
 }
 
 uint32_t RtosIsAlive(void) {
-  return IsPartitionAlive(PartitionFromEnvironment()) ? 1u : 0u;
+  return IsPartitionAlive(EnvironmentPartition()) ? 1u : 0u;
 }
 
 uint32_t RtosQueryShmId(const wchar_t* name, uint32_t, uint32_t* id) {

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 namespace qorvarlok::rtos::detail {
 namespace {
@@ -67,11 +68,19 @@ bool IsValidObjectName(const std::string& object) {
   return !object.empty() && object.size() <= kMaxObjectLength && AllNameCharacters(object);
 }
 
-std::string PartitionFromEnvironment() {
+const char* EnvironmentPartition() {
   const char* value = std::getenv(kPartitionVariable);
   if (value == nullptr) return kDefaultPartition;
-  std::string partition(value);
-  return IsValidPartition(partition) ? partition : std::string();
+  const size_t length = std::strlen(value);
+  if (length == 0 || length > kMaxPartitionLength) return nullptr;
+  for (size_t i = 0; i < length; ++i)
+    if (!IsNameCharacter(value[i])) return nullptr;
+  return value;
+}
+
+std::string PartitionFromEnvironment() {
+  const char* partition = EnvironmentPartition();
+  return partition != nullptr ? std::string(partition) : std::string();
 }
 
 std::string ShmName(const std::string& partition, const std::string& object) {
@@ -112,10 +121,16 @@ uint32_t EventWait(EventWord* event, uint32_t timeoutMs, uint32_t spinMicrosecon
   }
 }
 
-bool IsPartitionAlive(const std::string& partition) {
-  if (!IsValidPartition(partition)) return false;
-  const std::string name = ShmName(partition, kAliveObject);
-  const int fd = shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0);
+bool IsPartitionAlive(const char* partition) {
+  if (partition == nullptr) return false;
+  const size_t length = std::strlen(partition);
+  if (length == 0 || length > kMaxPartitionLength) return false;
+  char name[kMaxPartitionLength + kMaxObjectLength + 3];
+  name[0] = '/';
+  std::memcpy(name + 1, partition, length);
+  name[length + 1] = '.';
+  std::strcpy(name + length + 2, kAliveObject);
+  const int fd = shm_open(name, O_RDWR | O_CLOEXEC, 0);
   if (fd < 0) return false;
   struct stat info {};
   void* map = MAP_FAILED;

@@ -56,6 +56,8 @@ bool IsValidPartition(const std::string& partition);
 bool IsValidObjectName(const std::string& object);
 // The partition of the environment, or empty when the variable holds an unusable name.
 std::string PartitionFromEnvironment();
+// The same without allocating, so it may run inside a signal handler; null when unusable.
+const char* EnvironmentPartition();
 // "/<partition>.<object>"
 std::string ShmName(const std::string& partition, const std::string& object);
 
@@ -65,8 +67,9 @@ void EventSend(EventWord* event);
 uint32_t EventWait(EventWord* event, uint32_t timeoutMs, uint32_t spinMicroseconds);
 
 // True when a living thread holds the partition's alive marker. Uses only
-// system calls and the mutex, so it may run inside a signal handler.
-bool IsPartitionAlive(const std::string& partition);
+// system calls and the mutex, no allocation, so it may run inside a signal handler.
+bool IsPartitionAlive(const char* partition);
+inline bool IsPartitionAlive(const std::string& partition) { return IsPartitionAlive(partition.c_str()); }
 
 // Monotonic clock in nanoseconds.
 int64_t MonotonicNs();
