@@ -2,6 +2,7 @@
 // than generated: thin calls into the class.
 #include "QorVarlok/ZelVarlok.h"
 #include "VarlokLog.h"
+#include "ZelVarlok_p.h"
 
 extern "C" {
 

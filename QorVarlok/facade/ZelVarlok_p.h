@@ -82,3 +82,11 @@ class ZelVarlok_p {
   using BackendCall = unsigned int (*)(ZelmonteVarlok::Varlok&, HTAGLIST, TemplateDataRecord&);
   unsigned int runTemplateCall(unsigned int key, HTAGLIST handle, const char* function, BackendCall call);
 };
+
+// The hand-written exports of the managed surface.
+extern "C" {
+QORVARLOK_API const char* CSharp_ReadErrorDescription(unsigned int code);
+QORVARLOK_API int CSharp_GetTagsListLength(ZelVarlok* varlok, HTAGLIST handle);
+QORVARLOK_API int CSharp_ReadTagsListDesc(ZelVarlok* varlok, HTAGLIST handle, tagTagDesc** descs);
+QORVARLOK_API int CSharp_ReadTagsDescByTagName(ZelVarlok* varlok, const char* name, tagTagDesc** desc);
+}
