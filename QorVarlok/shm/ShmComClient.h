@@ -38,6 +38,7 @@ class ShmComClient {
   ShmComClient& operator=(const ShmComClient&) = delete;
 
  private:
+  friend class ShmComClientProbe;  // tests: bring the singleton back to "not set up"
   ShmComClient();
   ~ShmComClient();
 
