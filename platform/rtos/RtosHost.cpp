@@ -140,7 +140,12 @@ struct RtosHost::Impl {
   ~Impl() {
     for (auto& pair : events)
       for (auto& event : pair) event.Unlink();
-    for (auto& area : areas) area.Unlink();
+    // Cut to nothing first: a client still mapping an area then faults on its
+    // next command and sets up anew, instead of writing to nobody for ever.
+    for (auto& area : areas) {
+      area.Truncate();
+      area.Unlink();
+    }
     // The marker's name goes while it is still held, so no newcomer can claim
     // the old marker and then lose its name to this unlink.
     if (pAlive != nullptr) shm_unlink(aliveName.c_str());
@@ -278,10 +283,19 @@ struct RtosHost::Impl {
     return r;
   }
 
-  // Removes what a dead controller left under our names; true if anything was there.
+  // Removes what a dead controller left under our names; true if anything was
+  // there. Its areas are cut to nothing first, for the same reason as at our end.
   bool RemoveLeftovers() {
     bool any = false;
-    for (const char* area : kAreaNames) any |= shm_unlink(ShmName(options.partition, area).c_str()) == 0;
+    for (const char* area : kAreaNames) {
+      const std::string name = ShmName(options.partition, area);
+      const int fd = shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0);
+      if (fd >= 0) {
+        (void)!ftruncate(fd, 0);
+        close(fd);
+      }
+      any |= shm_unlink(name.c_str()) == 0;
+    }
     for (const auto& pair : kEventNames)
       for (const char* event : pair) any |= shm_unlink(ShmName(options.partition, event).c_str()) == 0;
     return any;

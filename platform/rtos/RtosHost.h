@@ -6,8 +6,11 @@
 // keeper thread of the host for the host's whole life, so a killed controller
 // is seen as dead at once), removes the leftovers of a crashed controller and
 // creates the areas and events. The destructor removes exactly what this host
-// created, and only then gives the partition up. Clients' mappings stay valid
-// after that; the names are gone.
+// created, and only then gives the partition up. Areas are cut to 0 bytes
+// before their names go (at the end, and when a crashed controller's
+// leftovers are removed), so a client still mapping them faults on its next
+// access of the slot and sets up anew rather than talking to nobody: the
+// client must guard every access of a slot, reads included.
 //
 // Threads: WaitRequest, SignalAnswer, Wake and the accessors may be called
 // from any thread, one serving thread per channel being the intended use.

@@ -107,6 +107,45 @@ TEST(FaultGuard, FaultsOutsideAGuardGoToThePreviousHandler) {
   }
 }
 
+// A client that still maps the areas of a controller that ended or crashed
+// must fault, not write to nobody: that is what makes it set up anew.
+TEST(FaultGuard, AreasOfAGoneControllerFaultInTheClient) {
+  enum class End { Clean, CrashThenNewController };
+  for (End end : {End::Clean, End::CrashThenNewController}) {
+    ScopedPartition partition("gone");
+    platformtest::ReadyPipe ready;
+    pid_t child = -1;
+    std::unique_ptr<RtosHost> host;
+    if (end == End::Clean) {
+      host = StartHost();
+    } else {
+      child = Spawn([&] {
+        auto mine = StartHost();
+        if (mine == nullptr) return 1;
+        ready.Signal();
+        pause();
+        return 0;
+      });
+      ASSERT_EQ(ready.Wait(3000), 'r');
+    }
+    uint8_t* slot = MapDataSwap();
+    ASSERT_NE(slot, nullptr);
+    EXPECT_TRUE(RunFaultGuarded([&] { slot[0] = 1; }));
+    if (end == End::Clean) {
+      host.reset();
+    } else {
+      kill(child, SIGKILL);
+      ASSERT_TRUE(WaitChild(child, 3000).Signalled(SIGKILL));
+      EXPECT_TRUE(RunFaultGuarded([&] { slot[0] = 1; })) << "nobody has cut it yet";
+      host = StartHost();
+      ASSERT_NE(host, nullptr);
+    }
+    EXPECT_FALSE(RunFaultGuarded([&] { slot[0] = 1; }));
+    volatile uint8_t seen = 0;
+    EXPECT_FALSE(RunFaultGuarded([&] { seen = slot[4]; })) << "reads fault too";
+  }
+}
+
 TEST(FaultGuard, SegvOfAGuardedWriteIsCaughtToo) {
   void* page = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(page, MAP_FAILED);
