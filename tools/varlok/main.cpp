@@ -1,0 +1,47 @@
+// varlok: browse a controller's symbol file and explain the library's codes.
+#include <QorVarlok/ZelVarlok.h>
+
+#include <clocale>
+#include <cstdio>
+#include <cstring>
+
+#include "Commands.h"
+
+namespace {
+
+void printUsage(std::FILE* out) {
+  std::fprintf(out,
+               "usage: varlok COMMAND [ARGS]\n"
+               "\n"
+               "  browse [--flat] FILE [TAG]  the tags of a symbol file: a tree, indented one level\n"
+               "                              per step, each tag with type, size and access;\n"
+               "                              TAG starts below that tag; --flat prints full names\n"
+               "  describe CODE...            the text of an error code (hex 0x... or decimal)\n"
+               "  version                     the library's version\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Paths from the shell are in the user's locale; the library reads them so too.
+  std::setlocale(LC_CTYPE, "");
+  if (argc < 2) {
+    printUsage(stderr);
+    return varlok::kExitUsage;
+  }
+  const std::string command = argv[1];
+  const varlok::Args args(argv + 2, argv + argc);
+  if (command == "browse") return varlok::runBrowse(args);
+  if (command == "describe") return varlok::runDescribe(args);
+  if (command == "version" || command == "--version") {
+    std::printf("%s\n", GetVarlokVersionInfo());
+    return varlok::kExitOk;
+  }
+  if (command == "help" || command == "--help" || command == "-h") {
+    printUsage(stdout);
+    return varlok::kExitOk;
+  }
+  std::fprintf(stderr, "varlok: unknown command '%s'\n", command.c_str());
+  printUsage(stderr);
+  return varlok::kExitUsage;
+}
