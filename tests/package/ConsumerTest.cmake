@@ -1,0 +1,50 @@
+# Installs the library's component of the build into a fresh prefix, checks
+# that the prefix holds exactly the public header, the library with the vendor
+# stand-ins it needs and the package files, then configures, builds and runs
+# a small program that finds the package by find_package.
+cmake_minimum_required(VERSION 3.25)
+
+function(run what)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err
+                  WORKING_DIRECTORY ${WORK_DIR})
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "${what} failed (${rc}):\n${out}\n${err}")
+  endif()
+  set(RUN_OUTPUT "${out}" PARENT_SCOPE)
+endfunction()
+
+set(PREFIX ${WORK_DIR}/prefix)
+file(REMOVE_RECURSE ${WORK_DIR})
+file(MAKE_DIRECTORY ${WORK_DIR})
+
+run("install" ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFIX} --component QorVarlok)
+
+file(GLOB_RECURSE installed RELATIVE ${PREFIX} LIST_DIRECTORIES false ${PREFIX}/*)
+list(SORT installed)
+set(unexpected "")
+foreach(f ${installed})
+  if(NOT f MATCHES "^include/QorVarlok/[A-Za-z]+\\.h$"
+     AND NOT f MATCHES "^${LIBDIR}/lib(QorVarlok|RtosLib64|ZelTagAccess)\\.so(\\.[0-9]+)*$"
+     AND NOT f MATCHES "^${LIBDIR}/cmake/QorVarlok/QorVarlok(Config|ConfigVersion|Targets|Targets-[a-z]+)\\.cmake$")
+    list(APPEND unexpected ${f})
+  endif()
+endforeach()
+if(unexpected)
+  message(FATAL_ERROR "installed beyond the interface: ${unexpected}")
+endif()
+foreach(required include/QorVarlok/ZelVarlok.h ${LIBDIR}/libQorVarlok.so
+        ${LIBDIR}/cmake/QorVarlok/QorVarlokConfig.cmake ${LIBDIR}/cmake/QorVarlok/QorVarlokConfigVersion.cmake)
+  if(NOT EXISTS ${PREFIX}/${required})
+    message(FATAL_ERROR "not installed: ${required} (installed: ${installed})")
+  endif()
+endforeach()
+
+run("consumer configure" ${CMAKE_COMMAND} -S ${CONSUMER_SOURCE} -B ${WORK_DIR}/build
+    -DCMAKE_PREFIX_PATH=${PREFIX} -DEXPECTED_VERSION=${EXPECTED_VERSION}
+    "-DCMAKE_CXX_FLAGS=${CONSUMER_FLAGS}" "-DCMAKE_EXE_LINKER_FLAGS=${CONSUMER_FLAGS}")
+run("consumer build" ${CMAKE_COMMAND} --build ${WORK_DIR}/build)
+run("consumer run" ${WORK_DIR}/build/consumer)
+if(NOT RUN_OUTPUT MATCHES "consumer: all checks passed")
+  message(FATAL_ERROR "consumer said: ${RUN_OUTPUT}")
+endif()
+message(STATUS "${RUN_OUTPUT}")
