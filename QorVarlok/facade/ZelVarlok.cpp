@@ -131,6 +131,9 @@ ZelVarlok::~ZelVarlok() {
   VLOG(warn, "ZelVarlok::~ZelVarlok", "delete m_ZelVarlokPrivate");
 }
 
+// Exported as the plain member-wise assignment; callers must not use it.
+ZelVarlok& ZelVarlok::operator=(const ZelVarlok& other) = default;
+
 unsigned int ZelVarlok::InitializeCom(const ComType& comType, void* symbolConfig) {
   constexpr const char* F = "ZelVarlok::InitializeCom";
   unsigned int code = 0;

@@ -172,7 +172,7 @@ class FakeVarlok : public ZelmonteVarlok::Varlok {
 
  private:
   unsigned int Step(const std::string& operation) {
-    if (Overlapped().load() == false && InFlight().fetch_add(1) != 0) Overlapped() = true;
+    if (InFlight().fetch_add(1) != 0) Overlapped() = true;
     if (dwell.count() > 0) std::this_thread::sleep_for(dwell);
     InFlight().fetch_sub(1);
     std::lock_guard<std::mutex> lock(m_recordMutex);

@@ -254,6 +254,8 @@ class QORVARLOK_API ZelVarlok {
  public:
   ZelVarlok();
   ~ZelVarlok();
+  // Copies the pointer to the private state and nothing else (see above).
+  ZelVarlok& operator=(const ZelVarlok& other);
 
   // The configuration is a handle of CreateSymbolConfigHandle(W); release it
   // there after ExitVarlokCommunication.
