@@ -2,6 +2,7 @@
 // indented tree opened level by level, or as the library's flat list.
 #include <QorVarlok/ZelVarlok.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -67,11 +68,46 @@ bool mayHaveChildren(const tagTagDesc& d) {
 
 std::string text(const char* s) { return s == nullptr ? std::string() : std::string(s); }
 
-void printLine(const tagTagDesc& d, const char* name, int depth) {
+// Display width of UTF-8 text: one column per character.
+size_t widthOf(const char* s) {
+  size_t n = 0;
+  for (; s != nullptr && *s != '\0'; ++s) {
+    if ((static_cast<unsigned char>(*s) & 0xC0) != 0x80) ++n;
+  }
+  return n;
+}
+
+// Names and types of one listing line up in columns.
+struct Columns {
+  size_t name = 0;
+  size_t type = 0;
+  size_t size = 0;
+};
+
+const char* shownName(const tagTagDesc& d, bool fullNames) { return fullNames ? d.FullName : d.Name; }
+
+void widen(Columns& c, const tagTagDesc& d, bool fullNames) {
+  if (isGroup(d)) return;
+  c.name = std::max(c.name, widthOf(shownName(d, fullNames)));
+  c.type = std::max(c.type, typeLabel(d).size());
+  c.size = std::max(c.size, std::to_string(d.Size).size());
+}
+
+void pad(std::string& line, size_t used, size_t column) { line.append(column > used ? column - used : 0, ' '); }
+
+void printLine(const tagTagDesc& d, bool fullNames, int depth, const Columns& columns) {
+  const char* name = shownName(d, fullNames);
   std::string line(static_cast<size_t>(depth) * 2, ' ');
   line += name == nullptr ? "" : name;
   if (!isGroup(d)) {
-    line += "  " + typeLabel(d) + "  " + std::to_string(d.Size) + "  " + accessName(d.AccessType);
+    pad(line, widthOf(name), columns.name);
+    const std::string type = typeLabel(d);
+    line += "  " + type;
+    pad(line, type.size(), columns.type);
+    const std::string size = std::to_string(d.Size);
+    line += "  " + size;
+    pad(line, size.size(), columns.size);
+    line += std::string("  ") + accessName(d.AccessType);
     if (d.Comment != nullptr && d.Comment[0] != '\0') line += std::string("  // ") + d.Comment;
   }
   line += '\n';
@@ -118,9 +154,11 @@ int printTree(const Level& level, int depth) {
     std::fprintf(stderr, "varlok browse: the tree is deeper than %d levels; a type may contain itself\n", kMaxDepth);
     return kExitFailed;
   }
+  Columns columns;
+  for (unsigned int i = 0; i < level.count; ++i) widen(columns, level.descs[i], false);
   for (unsigned int i = 0; i < level.count; ++i) {
     const tagTagDesc& d = level.descs[i];
-    printLine(d, d.Name, depth);
+    printLine(d, false, depth, columns);
     if (!mayHaveChildren(d)) continue;
     Level children;
     const unsigned int r = childrenOf(d, children);
@@ -164,11 +202,15 @@ int browseFlat(const SymbolFile& file, const std::string& tag) {
     reportFailure("flat list", r);
     return kExitFailed;
   }
+  Columns columns;
+  for (unsigned int i = 0; i < all.count; ++i) {
+    if (isBelow(text(all.descs[i].FullName), tag)) widen(columns, all.descs[i], true);
+  }
   bool any = false;
   for (unsigned int i = 0; i < all.count; ++i) {
     const tagTagDesc& d = all.descs[i];
     if (!isBelow(text(d.FullName), tag)) continue;
-    printLine(d, d.FullName, 0);
+    printLine(d, true, 0, columns);
     any = true;
   }
   if (!tag.empty() && !any) {
@@ -193,7 +235,7 @@ int browseTree(const SymbolFile& file, const std::string& tag) {
   }
   Level children;
   if (!mayHaveChildren(*start) || childrenOf(*start, children) != 0 || children.count == 0) {
-    printLine(*start, start->FullName, 0);  // a leaf: show the tag itself
+    printLine(*start, true, 0, Columns());  // a leaf: show the tag itself
     return kExitOk;
   }
   return printTree(children, 0);
