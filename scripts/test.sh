@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# The whole test suite, as CI runs it on a fresh Debian 12 machine:
+#   1. plain build, warnings as errors, benchmarks built, every test;
+#   2. the same under AddressSanitizer and UndefinedBehaviorSanitizer;
+#   3. the test programs that carry the ctest label "tsan", alone, under
+#      ThreadSanitizer (skipped when no test has the label).
+# Build directories: build/ci-plain, build/ci-asan, build/ci-tsan.
+# Exits non-zero on the first failure.
+set -euo pipefail
+
+ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+JOBS="${JOBS:-2}"
+TEST_TIMEOUT="${QORVARLOK_TEST_TIMEOUT:-300}"
+
+bash "$ROOT/scripts/install-deps.sh"
+
+step() { printf '\n==== %s\n' "$*"; }
+
+configure() {
+  local dir="$1"
+  shift
+  cmake -S "$ROOT" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQORVARLOK_WERROR=ON "$@"
+}
+
+run_tests() {
+  local dir="$1"
+  shift
+  # Tests run one at a time: several share machine-wide resources.
+  ctest --test-dir "$dir" --output-on-failure --timeout "$TEST_TIMEOUT" "$@"
+}
+
+# The target names of the test programs that carry a label; each program is
+# named after its target.
+programs_with_label() {
+  local dir="$1" label="$2"
+  ctest --test-dir "$dir" -L "$label" --show-only=json-v1 |
+    tr -d '\n ' | grep -o '"command":\["[^"]*"' | sed 's/.*\["//; s|.*/||' | sort -u
+}
+
+step "plain build (warnings as errors)"
+PLAIN="$ROOT/build/ci-plain"
+configure "$PLAIN" -DQORVARLOK_SANITIZE=OFF -DQORVARLOK_TSAN=OFF -DQORVARLOK_BUILD_BENCH=ON
+cmake --build "$PLAIN" -j"$JOBS"
+step "plain tests"
+run_tests "$PLAIN"
+
+step "AddressSanitizer + UndefinedBehaviorSanitizer build"
+ASAN="$ROOT/build/ci-asan"
+configure "$ASAN" -DQORVARLOK_SANITIZE=ON -DQORVARLOK_TSAN=OFF -DQORVARLOK_BUILD_BENCH=OFF
+cmake --build "$ASAN" -j"$JOBS"
+step "sanitized tests"
+ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}" \
+UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}" \
+  run_tests "$ASAN"
+
+mapfile -t TSAN_PROGRAMS < <(programs_with_label "$PLAIN" tsan)
+if [ "${#TSAN_PROGRAMS[@]}" -eq 0 ]; then
+  step "no test carries the label tsan: ThreadSanitizer run skipped"
+else
+  step "ThreadSanitizer build of ${TSAN_PROGRAMS[*]}"
+  TSAN="$ROOT/build/ci-tsan"
+  configure "$TSAN" -DQORVARLOK_SANITIZE=OFF -DQORVARLOK_TSAN=ON -DQORVARLOK_BUILD_BENCH=OFF
+  cmake --build "$TSAN" -j"$JOBS" --target "${TSAN_PROGRAMS[@]}"
+  step "ThreadSanitizer tests"
+  TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1}" run_tests "$TSAN" -L tsan
+fi
+
+step "all test runs passed"
