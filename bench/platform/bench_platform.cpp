@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <memory>
 #include <vector>
 
 #include "RtosHost.h"
@@ -119,8 +120,20 @@ void BM_ShmRoundTrip(benchmark::State& state) {
   state.counters["p99_us"] = Percentile(samples, 0.99);
 }
 
+// What GetInstance pays per look at a partition, alive and down.
+void BM_IsAlive(benchmark::State& state) {
+  const std::string partition = "qvbenchalive" + std::to_string(getpid());
+  setenv("VARLOK_PARTITION", partition.c_str(), 1);
+  std::unique_ptr<RtosHost> host;
+  if (state.range(0) != 0) host = RtosHost::Create(RtosHostOptions(), nullptr);
+  const uint32_t expected = state.range(0) != 0 ? 1u : 0u;
+  for (auto _ : state)
+    if (RtosIsAlive() != expected) return state.SkipWithError("wrong liveness");
+}
+
 }  // namespace
 
+BENCHMARK(BM_IsAlive)->ArgName("alive")->Arg(1)->Arg(0);
 BENCHMARK(BM_ShmRoundTrip)
     ->ArgNames({"spin_us", "pinned"})
     ->Args({0, 0})

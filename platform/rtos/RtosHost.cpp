@@ -136,6 +136,7 @@ struct RtosHost::Impl {
   bool bStop = false;
   OwnedShm areas[3];
   OwnedShm events[3][2];
+  SpinGovernor governors[3];
 
   ~Impl() {
     for (auto& pair : events)
@@ -365,8 +366,9 @@ uint32_t RtosHost::AreaSize(Channel channel) const {
 }
 
 uint32_t RtosHost::WaitRequest(Channel channel, uint32_t timeoutMs) {
-  auto* event = static_cast<EventWord*>(m_pImpl->events[static_cast<int>(channel)][0].Map());
-  return EventWait(event, timeoutMs, m_pImpl->options.spinMicroseconds);
+  const int c = static_cast<int>(channel);
+  auto* event = static_cast<EventWord*>(m_pImpl->events[c][0].Map());
+  return EventWait(event, timeoutMs, m_pImpl->options.spinMicroseconds, &m_pImpl->governors[c]);
 }
 
 uint32_t RtosHost::SignalAnswer(Channel channel) {

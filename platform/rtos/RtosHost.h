@@ -15,6 +15,7 @@
 // Threads: WaitRequest, SignalAnswer, Wake and the accessors may be called
 // from any thread, one serving thread per channel being the intended use.
 // TruncateAreas is for fault injection ("vanish in the middle of a command").
+// Destroy the host only once no thread is left in WaitRequest (Wake them).
 //
 // Built as the static library RtosHost (target qv_rtoshost), linked by the
 // controller; it shares the object layout code with libRtosLib64.so but not

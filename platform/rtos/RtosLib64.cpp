@@ -23,6 +23,13 @@ using namespace qorvarlok::rtos::detail;
 
 std::atomic<uint32_t> g_spinMicroseconds{50};
 
+// What an RTOS_EVENT points at: the shared word and this process's memory of
+// its spins. Never freed, as handles are never given back.
+struct ClientEvent {
+  EventWord* pWord;
+  SpinGovernor governor;
+};
+
 // One slot per area name: a repeated query of a name closes the old
 // descriptor (its mappings stay) and keeps the id, so repeated set-ups do
 // not pile up descriptors.
@@ -89,19 +96,20 @@ uint32_t RtosOpenEvent(uint32_t, uint32_t, const char* name, RTOS_EVENT* event) 
     munmap(map, sizeof(EventWord));
     return RTE_ERROR_NOT_FOUND;
   }
-  *event = word;
+  *event = new ClientEvent{word, {}};
   return 0;
 }
 
 uint32_t RtosSendEvent(RTOS_EVENT event) {
   if (event == nullptr) return RTE_ERROR_INVALID_PARAMETER;
-  EventSend(static_cast<EventWord*>(event));
+  EventSend(static_cast<ClientEvent*>(event)->pWord);
   return 0;
 }
 
 uint32_t RtosWaitEvent(RTOS_EVENT event, uint32_t timeoutMs) {
   if (event == nullptr) return RTE_ERROR_INVALID_PARAMETER;
-  return EventWait(static_cast<EventWord*>(event), timeoutMs, g_spinMicroseconds.load(std::memory_order_relaxed));
+  auto* client = static_cast<ClientEvent*>(event);
+  return EventWait(client->pWord, timeoutMs, g_spinMicroseconds.load(std::memory_order_relaxed), &client->governor);
 }
 
 uint32_t RtosIsAlive(void) {

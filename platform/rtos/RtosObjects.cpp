@@ -87,20 +87,40 @@ std::string ShmName(const std::string& partition, const std::string& object) {
   return "/" + partition + "." + object;
 }
 
+bool SpinGovernor::ShouldSpin() {
+  uint32_t left = m_skipLeft.load(std::memory_order_relaxed);
+  while (left != 0) {
+    if (m_skipLeft.compare_exchange_weak(left, left - 1, std::memory_order_relaxed)) return false;
+  }
+  return true;
+}
+
+void SpinGovernor::Record(bool caught) {
+  if (caught) {
+    m_failures.store(0, std::memory_order_relaxed);
+    return;
+  }
+  uint32_t failures = m_failures.load(std::memory_order_relaxed);
+  if (failures < 6) m_failures.store(++failures, std::memory_order_relaxed);
+  m_skipLeft.store((1u << failures) - 1, std::memory_order_relaxed);
+}
+
 void EventSend(EventWord* event) {
   event->state.store(1, std::memory_order_seq_cst);
   if (event->waiters.load(std::memory_order_seq_cst) != 0) Futex(&event->state, FUTEX_WAKE, 1, nullptr);
 }
 
-uint32_t EventWait(EventWord* event, uint32_t timeoutMs, uint32_t spinMicroseconds) {
+uint32_t EventWait(EventWord* event, uint32_t timeoutMs, uint32_t spinMicroseconds, SpinGovernor* governor) {
   if (event->state.exchange(0) == 1) return kWaitSignalled;
   const bool infinite = timeoutMs == kInfinite;
   const int64_t start = MonotonicNs();
   const int64_t deadline = start + static_cast<int64_t>(timeoutMs) * 1000000;
-  if (spinMicroseconds != 0) {
+  if (spinMicroseconds != 0 && timeoutMs != 0 && (governor == nullptr || governor->ShouldSpin())) {
     int64_t spinEnd = start + static_cast<int64_t>(spinMicroseconds) * 1000;
     if (!infinite && spinEnd > deadline) spinEnd = deadline;
-    if (Spin(event, spinEnd)) return kWaitSignalled;
+    const bool caught = Spin(event, spinEnd);
+    if (governor != nullptr) governor->Record(caught);
+    if (caught) return kWaitSignalled;
   }
   for (;;) {
     timespec relative{};

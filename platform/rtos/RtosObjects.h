@@ -61,10 +61,25 @@ const char* EnvironmentPartition();
 // "/<partition>.<object>"
 std::string ShmName(const std::string& partition, const std::string& object);
 
+// Process-local memory of how the spins of one waiter went. A spin that
+// ran out is followed by waits that sleep at once (1, 3, 7 ... 63 of them),
+// so a slow peer does not cost a burnt processor on every wait; one spin
+// that catches its signal restores spinning at every wait.
+class SpinGovernor {
+ public:
+  bool ShouldSpin();
+  void Record(bool caught);
+
+ private:
+  std::atomic<uint32_t> m_skipLeft{0};
+  std::atomic<uint32_t> m_failures{0};
+};
+
 void EventSend(EventWord* event);
 // kWaitSignalled or kWaitTimedOut; kInfinite waits without limit. Spins up to
-// spinMicroseconds (bounded by the timeout) before it sleeps.
-uint32_t EventWait(EventWord* event, uint32_t timeoutMs, uint32_t spinMicroseconds);
+// spinMicroseconds (bounded by the timeout) before it sleeps, when the
+// governor (optional) lets it.
+uint32_t EventWait(EventWord* event, uint32_t timeoutMs, uint32_t spinMicroseconds, SpinGovernor* governor);
 
 // True when a living thread holds the partition's alive marker. Uses only
 // system calls and the mutex, no allocation, so it may run inside a signal handler.
