@@ -8,15 +8,8 @@
 #include "FakeRtos.h"
 #include "QorVarlok/ZelVarlok.h"
 #include "ShmComClient.h"
+#include "ShmProbe.h"
 #include "LogCapture.h"
-
-namespace qorvarlok::shm {
-// Brings the singleton back to "not set up", as a lost mapping would.
-class ShmComClientProbe {
- public:
-  static void MarkLost(ShmComClient* client) { client->m_bInitialized = false; }
-};
-}  // namespace qorvarlok::shm
 
 using namespace qorvarlok::shm;
 using shmtest::FakeRtos;
