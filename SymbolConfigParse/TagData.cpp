@@ -126,15 +126,18 @@ unsigned int ConvertArrayTags(const SymbolConfiguration& config, TagData* node, 
 
 // A type that stands among a node's own ancestors contains itself by value:
 // expanding it would never end.
-bool MayExpand(const TagData* node) {
+bool MayExpand(const TagData* node, const std::vector<const TypeBase*>* detachedAncestors) {
+  std::vector<const TypeBase*> types;
+  if (detachedAncestors != nullptr) types = *detachedAncestors;
+  for (const TagData* a = node->parent; a != nullptr; a = a->parent) types.push_back(a->type);
   int typedAncestors = 0;
-  for (const TagData* a = node->parent; a != nullptr; a = a->parent) {
-    if (a->type == node->type) {
+  for (const TypeBase* type : types) {
+    if (type == node->type) {
       VLOG(warn, "SymbolConfiguration::ExpandTag", "{} of type {} contains itself, not expanded",
            node->Desc().FullName, node->type->name);
       return false;
     }
-    if (a->type != nullptr) ++typedAncestors;
+    if (type != nullptr) ++typedAncestors;
   }
   if (typedAncestors >= kMaxTypeNesting) {
     VLOG(warn, "SymbolConfiguration::ExpandTag", "{} is nested {} types deep, not expanded", node->Desc().FullName,
@@ -146,12 +149,13 @@ bool MayExpand(const TagData* node) {
 
 // Expansion is a quiet path: a failure leaves the node without (some)
 // children and nobody is told; the tag itself is already published.
-void ExpandNode(const SymbolConfiguration& config, TagData* node) {
+void ExpandNode(const SymbolConfiguration& config, TagData* node,
+                const std::vector<const TypeBase*>* detachedAncestors = nullptr) {
   if (node->children != nullptr || node->type == nullptr) return;
   const int typeClass = node->type->typeClass;
   const bool structured = typeClass == TAG_TYPE_UNION || typeClass == TAG_TYPE_STRUCTURE ||
                           typeClass == TAG_TYPE_FUNCTION_BLOCK || typeClass == TAG_TYPE_ARRAY;
-  if (!structured || !MayExpand(node)) return;
+  if (!structured || !MayExpand(node, detachedAncestors)) return;
   char* message = nullptr;
   if (typeClass == TAG_TYPE_ARRAY) {
     ConvertArrayTags(config, node, node->type, &message);
@@ -224,16 +228,22 @@ unsigned int ListChildren(TagData* node, tagTagDesc** descs, unsigned int* count
 
 // Hands a level out through the retired arrays and detaches its nodes: from
 // now on they live only through the handles in that array.
-tagTagDesc* RetireLevel(TagsConfig* config, TagData* node, unsigned int* count, bool orphan) {
+tagTagDesc* RetireLevel(TagsConfig* config, TagData* node, unsigned int* count,
+                        const std::vector<const TypeBase*>* ancestorTypes) {
   tagTagDesc* descs = nullptr;
   size_t n = 0;
   if (node->children != nullptr && !node->children->empty()) {
     descs = BuildDescs(*node->children);
     n = node->children->size();
     config->retiredDescArrays.push_back(descs);
+    std::vector<const TypeBase*> types;
+    if (ancestorTypes != nullptr) {
+      types = *ancestorTypes;
+      if (node->type != nullptr) types.push_back(node->type);
+    }
     for (TagData* child : *node->children) {
-      config->lowMemoryPending.insert(child);
-      if (orphan) child->parent = nullptr;  // the node goes; its children must not point to it
+      config->lowMemoryPending[child] = types;
+      if (ancestorTypes != nullptr) child->parent = nullptr;  // the node goes; its children must not point to it
     }
     node->children->clear();
   }
@@ -269,7 +279,7 @@ TagsConfig::~TagsConfig() {
   delete[] allTagsDesc;
   delete symbolConfiguration;
   for (tagTagDesc* descs : retiredDescArrays) delete[] descs;
-  for (TagData* node : lowMemoryPending) delete node;
+  for (auto& pending : lowMemoryPending) delete pending.first;
 }
 
 // -------------------------------------------------------------- conversion
@@ -377,7 +387,7 @@ unsigned int GetToppestTagsDescriptionWithLowMemory(TagsConfig* pTagConfig, tagT
     VLOG(err, "GetToppestTagsDescriptionWithLowMemory", "pTagConfig == NULL");
     return ERR_INVALID_TAG_HANDLE;
   }
-  tagTagDesc* level = RetireLevel(pTagConfig, pTagConfig, count, false);
+  tagTagDesc* level = RetireLevel(pTagConfig, pTagConfig, count, nullptr);
   if (descs != nullptr) *descs = level;
   return ERR_NOERROR;
 }
@@ -392,13 +402,16 @@ unsigned int GetSubTagsDescriptionWithLowMemory(TagsConfig* pTagConfig, void* hT
   }
   auto* node = static_cast<TagData*>(hTagsInfo);
   // Only a handle this root handed out and nobody visited yet is alive.
-  if (pTagConfig->lowMemoryPending.erase(node) == 0) {
+  auto pending = pTagConfig->lowMemoryPending.find(node);
+  if (pending == pTagConfig->lowMemoryPending.end()) {
     VLOGP(err, "GetSubTagsDescriptionWithLowMemory", "hTagsInfo=%p is not a pending handle of pTagConfig=%p",
           hTagsInfo, static_cast<void*>(pTagConfig));
     return ERR_INVALID_TAG_HANDLE;
   }
-  if (pTagConfig->symbolConfiguration != nullptr) ExpandNode(*pTagConfig->symbolConfiguration, node);
-  tagTagDesc* level = RetireLevel(pTagConfig, node, count, true);
+  const std::vector<const TypeBase*> ancestorTypes = std::move(pending->second);
+  pTagConfig->lowMemoryPending.erase(pending);
+  if (pTagConfig->symbolConfiguration != nullptr) ExpandNode(*pTagConfig->symbolConfiguration, node, &ancestorTypes);
+  tagTagDesc* level = RetireLevel(pTagConfig, node, count, &ancestorTypes);
   delete node;  // its children live on through the handles just handed out
   if (level == nullptr) {
     VLOG(err, "GetSubTagsDescriptionWithLowMemory", "*ppSubTagsDesc == nullptr");

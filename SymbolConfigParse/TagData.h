@@ -5,7 +5,7 @@
 #pragma once
 
 #include <list>
-#include <unordered_set>
+#include <unordered_map>
 #include <vector>
 
 #include "QorVarlok/ZelVarlok.h"
@@ -43,8 +43,10 @@ class TagsConfig : public TagData {
   unsigned int allTagsCount = 0;
   std::list<tagTagDesc*> retiredDescArrays;  // handed out by the low-memory operations
   // Nodes that the low-memory operations handed out and that nobody has
-  // visited yet: only they may be visited, each once, and the rest go with the root.
-  std::unordered_set<TagData*> lowMemoryPending;
+  // visited yet: only they may be visited, each once, and the rest go with the
+  // root. Each keeps the types of its ancestors, which are gone by then, so a
+  // type that contains itself is still seen.
+  std::unordered_map<TagData*, std::vector<const TypeBase*>> lowMemoryPending;
 };
 
 // Description access. Arrays belong to the tree; callers never free them.
