@@ -11,6 +11,7 @@
 #include "PlatformTestSupport.h"
 #include "RtosHost.h"
 #include "RtosLib64.h"
+#include "RtosObjects.h"
 
 using namespace qorvarlok::rtos;
 using platformtest::ReadyPipe;
@@ -317,4 +318,20 @@ TEST(RtosLib64, HostRefusesZeroSizedAreas) {
   EXPECT_EQ(RtosHost::Create(SmallAreas(0, 4096, 4096), &status), nullptr);
   EXPECT_EQ(status.code, RtosHostError::InvalidSize);
   EXPECT_EQ(RtosIsAlive(), 0u) << "a refused start holds nothing";
+}
+
+TEST(RtosLib64, FailedSpinsAreFollowedByGrowingRunsOfWaitsThatSleepAtOnce) {
+  detail::SpinGovernor governor;
+  // Each step: the outcome of a spin, then how many waits must skip spinning.
+  const struct {
+    bool caught;
+    int skipped;
+  } steps[] = {{false, 1}, {false, 3}, {false, 7}, {true, 0}, {false, 1},
+               {false, 3}, {false, 7}, {false, 15}, {false, 31}, {false, 63}, {false, 63}};
+  for (size_t i = 0; i < sizeof steps / sizeof steps[0]; ++i) {
+    ASSERT_TRUE(governor.ShouldSpin()) << "step " << i;
+    governor.Record(steps[i].caught);
+    for (int k = 0; k < steps[i].skipped; ++k) ASSERT_FALSE(governor.ShouldSpin()) << "step " << i << " wait " << k;
+  }
+  EXPECT_TRUE(governor.ShouldSpin());
 }
