@@ -36,6 +36,7 @@ const char* const kUsage =
     "  --connect-size N        bytes of ConnectArea (default 512)\n"
     "  --notify-size N         bytes of NotifyArea (default 5242880)\n"
     "  --dataswap-size N       bytes of DataSwapArea (default 5242880)\n"
+    "  --claim-timeout-ms N    how long to wait for a partition that is being given up (default 500)\n"
     "  --ready-fd N            write \"ready\\n\" to file descriptor N once serving, then close it\n"
     "  --log-level LEVEL       trace, debug, info (default), warn, err\n"
     "fault injection (CH is connect, define, dataswap or all; a comma list is allowed):\n"
@@ -100,6 +101,7 @@ std::string ParseArguments(int argc, char** argv, Options& o) {
     else if (arg == "--connect-size") ok = number(h.connectAreaSize);
     else if (arg == "--notify-size") ok = number(h.notifyAreaSize);
     else if (arg == "--dataswap-size") ok = number(h.dataSwapAreaSize);
+    else if (arg == "--claim-timeout-ms") ok = number(h.claimTimeoutMs);
     else if (arg == "--ready-fd") ok = number(n) && n <= INT32_MAX && (o.readyFd = static_cast<int>(n), true);
     else if (arg == "--log-level" && value != nullptr) o.logLevel = argv[++i];
     else if (arg == "--refuse-connect") ok = number(f.refuseConnect) && f.refuseConnect >= 2 && f.refuseConnect <= 4;
