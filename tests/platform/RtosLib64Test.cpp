@@ -19,6 +19,8 @@ using platformtest::ScopedPartition;
 using platformtest::Spawn;
 using platformtest::WaitChild;
 
+extern "C" uint32_t RtosLib64CallsFromC(uint32_t results[4]);
+
 namespace {
 
 RtosHostOptions SmallAreas(uint32_t connect = 512, uint32_t notify = 4096, uint32_t dataSwap = 8192) {
@@ -334,4 +336,19 @@ TEST(RtosLib64, FailedSpinsAreFollowedByGrowingRunsOfWaitsThatSleepAtOnce) {
     for (int k = 0; k < steps[i].skipped; ++k) ASSERT_FALSE(governor.ShouldSpin()) << "step " << i << " wait " << k;
   }
   EXPECT_TRUE(governor.ShouldSpin());
+}
+
+TEST(RtosLib64, CallableFromC) {
+  ScopedPartition partition("fromc");
+  uint32_t results[4] = {9, 9, 9, 9};
+  EXPECT_EQ(RtosLib64CallsFromC(results), 0u);
+  EXPECT_EQ(results[0], 0u);
+  EXPECT_EQ(results[1], 0u);
+  EXPECT_EQ(results[2], RTE_ERROR_PARTITION_DOWN);
+  EXPECT_EQ(results[3], RTE_ERROR_PARTITION_DOWN);
+  auto host = StartHost();
+  ASSERT_NE(host, nullptr);
+  EXPECT_NE(RtosLib64CallsFromC(results), 0u);
+  const uint32_t up[4] = {0, 1, 0, 0};
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(results[i], up[i]) << i;
 }
