@@ -80,30 +80,27 @@ TEST(FaultGuard, TruncatedAreaFaultsIntoTheResultAndTheProcessLivesOn) {
 
 // Outside a guarded region a fault goes to whatever handled it before: the
 // application's own handler, or the default action that ends the process.
+// A fresh process each, since the guard is installed once per process.
 TEST(FaultGuard, FaultsOutsideAGuardGoToThePreviousHandler) {
   ScopedPartition partition("chain");
-  enum class Before { OwnHandler, Default };
-  for (Before before : {Before::OwnHandler, Before::Default}) {
-    const pid_t child = Spawn([&] {
-      if (before == Before::OwnHandler) {
-        struct sigaction own {};
-        own.sa_flags = SA_SIGINFO;
-        own.sa_sigaction = [](int signal, siginfo_t*, void*) { _exit(signal == SIGBUS ? 42 : 43); };
-        sigaction(SIGBUS, &own, nullptr);
-      }
-      InstallFaultGuard();
-      auto host = StartHost();
-      uint8_t* slot = host ? MapDataSwap() : nullptr;
-      if (slot == nullptr || !host->TruncateAreas()) return 1;
-      if (RunFaultGuarded([&] { slot[0] = 1; })) return 2;  // guarded: a result
-      slot[0] = 1;                                          // unguarded: the previous handler
-      return 3;
-    });
+  const struct {
+    const char* before;
+    int exitCode;    // expected exit code, or -1
+    int signal;      // expected terminating signal, or 0
+  } cases[] = {{"own", 42, 0}, {"default", -1, SIGBUS}};
+  for (const auto& c : cases) {
+    const std::string name = partition.Name() + c.before;
+    const pid_t child = fork();
+    if (child == 0) {
+      execl(FAULT_GUARD_CHAIN_HELPER, FAULT_GUARD_CHAIN_HELPER, c.before, name.c_str(), nullptr);
+      _exit(127);
+    }
     const auto result = WaitChild(child, 5000);
-    if (before == Before::OwnHandler)
-      EXPECT_TRUE(result.Exited(42)) << "status " << result.status;
+    if (c.exitCode >= 0)
+      EXPECT_TRUE(result.Exited(c.exitCode)) << c.before << " status " << result.status;
     else
-      EXPECT_TRUE(result.Signalled(SIGBUS)) << "status " << result.status;
+      EXPECT_TRUE(result.Signalled(c.signal)) << c.before << " status " << result.status;
+    ScopedPartition::RemoveObjectsOf(name);
   }
 }
 

@@ -32,10 +32,11 @@ class ScopedPartition {
   }
   const std::string& Name() const { return m_name; }
   std::string ShmPath(const std::string& object) const { return "/dev/shm/" + m_name + "." + object; }
-  void RemoveObjects() const {
+  void RemoveObjects() const { RemoveObjectsOf(m_name); }
+  static void RemoveObjectsOf(const std::string& partition) {
     DIR* dir = opendir("/dev/shm");
     if (dir == nullptr) return;
-    const std::string prefix = m_name + ".";
+    const std::string prefix = partition + ".";
     while (dirent* entry = readdir(dir)) {
       const std::string file = entry->d_name;
       if (file.compare(0, prefix.size(), prefix) == 0) unlink(("/dev/shm/" + file).c_str());

@@ -1,0 +1,45 @@
+// A fresh process for the chaining of the fault guard: it sets up what
+// handled SIGBUS before (argv[1]: "own" handler or "default" action),
+// installs the guard, and faults on a truncated area first inside a guarded
+// region (must give a result) and then outside one (must reach what was there
+// before). Exit codes: 42 own handler ran; 1 set-up failed; 2 the guarded
+// fault was not turned into a result; 3 the unguarded fault was swallowed.
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "FaultGuard.h"
+#include "RtosHost.h"
+#include "RtosLib64.h"
+
+int main(int argc, char** argv) {
+  if (argc != 3) return 1;
+  struct sigaction before {};
+  sigemptyset(&before.sa_mask);
+  if (std::strcmp(argv[1], "own") == 0) {
+    before.sa_flags = SA_SIGINFO;
+    before.sa_sigaction = [](int signal, siginfo_t*, void*) { _exit(signal == SIGBUS ? 42 : 43); };
+  } else {
+    before.sa_handler = SIG_DFL;  // also replaces a sanitizer's handler
+  }
+  sigaction(SIGBUS, &before, nullptr);
+  qorvarlok::platform::InstallFaultGuard();
+
+  setenv("VARLOK_PARTITION", argv[2], 1);
+  qorvarlok::rtos::RtosHostOptions options;
+  options.dataSwapAreaSize = 4096;
+  auto host = qorvarlok::rtos::RtosHost::Create(options, nullptr);
+  uint32_t id = 0;
+  void* address = nullptr;
+  if (host == nullptr || RtosQueryShmId(L"DataSwapArea", 4, &id) != 0 ||
+      RtosMapShm(id, 0, 4096, nullptr, &address) != 0 || !host->TruncateAreas())
+    return 1;
+  auto* slot = static_cast<volatile uint8_t*>(address);
+  if (qorvarlok::platform::RunFaultGuarded([&] { slot[0] = 1; })) return 2;
+  host.reset();  // its objects go; the mapping and its fault stay
+  slot[0] = 1;
+  return 3;
+}
