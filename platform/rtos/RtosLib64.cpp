@@ -11,8 +11,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <map>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "RtosObjects.h"
@@ -29,6 +31,31 @@ struct ClientEvent {
   EventWord* pWord;
   SpinGovernor governor;
 };
+
+// One handle per event object (name and inode) and process: repeated set-ups
+// against the same controller reuse it, and a restarted controller's new
+// object gets a new one.
+struct EventRegistry {
+  std::mutex mutex;
+  std::map<std::tuple<std::string, dev_t, ino_t>, ClientEvent*> events;
+};
+
+EventRegistry& Events() {
+  static EventRegistry* registry = new EventRegistry();  // handles outlive every static
+  return *registry;
+}
+
+ClientEvent* MapEvent(int fd, const struct stat& info) {
+  if (static_cast<size_t>(info.st_size) < sizeof(EventWord)) return nullptr;
+  void* map = mmap(nullptr, sizeof(EventWord), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  if (map == MAP_FAILED) return nullptr;
+  auto* word = static_cast<EventWord*>(map);
+  if (word->magic.load(std::memory_order_acquire) != kEventMagic) {
+    munmap(map, sizeof(EventWord));
+    return nullptr;
+  }
+  return new ClientEvent{word, {}};
+}
 
 // One slot per area name: a repeated query of a name closes the old
 // descriptor (its mappings stay) and keeps the id, so repeated set-ups do
@@ -86,17 +113,19 @@ uint32_t RtosOpenEvent(uint32_t, uint32_t, const char* name, RTOS_EVENT* event) 
   const int fd = shm_open(ShmName(partition, name).c_str(), O_RDWR | O_CLOEXEC, 0);
   if (fd < 0) return OpenResult(errno, partition);
   struct stat info {};
-  void* map = MAP_FAILED;
-  if (fstat(fd, &info) == 0 && static_cast<size_t>(info.st_size) >= sizeof(EventWord))
-    map = mmap(nullptr, sizeof(EventWord), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  close(fd);
-  if (map == MAP_FAILED) return RTE_ERROR_NOT_FOUND;  // not an event of ours
-  auto* word = static_cast<EventWord*>(map);
-  if (word->magic.load(std::memory_order_acquire) != kEventMagic) {
-    munmap(map, sizeof(EventWord));
-    return RTE_ERROR_NOT_FOUND;
+  if (fstat(fd, &info) != 0) {
+    close(fd);
+    return RTE_ERROR_SYSTEM;
   }
-  *event = new ClientEvent{word, {}};
+  EventRegistry& registry = Events();
+  std::lock_guard<std::mutex> lock(registry.mutex);
+  const auto key = std::make_tuple(std::string(name), info.st_dev, info.st_ino);
+  auto found = registry.events.find(key);
+  ClientEvent* client = found != registry.events.end() ? found->second : MapEvent(fd, info);
+  close(fd);
+  if (client == nullptr) return RTE_ERROR_NOT_FOUND;  // not an event of ours
+  registry.events.emplace(key, client);
+  *event = client;
   return 0;
 }
 

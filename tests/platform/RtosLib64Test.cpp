@@ -212,8 +212,9 @@ TEST(RtosLib64, EventsAreAutoResetAndKeepASignalUntilWaited) {
   EXPECT_EQ(RtosSendEvent(request), 0u);
   EXPECT_EQ(host->WaitRequest(Channel::Notify, 0), 0u);
   EXPECT_EQ(host->WaitRequest(Channel::Notify, 0), RTE_ERROR_TIMEOUT);
-  // Two handles opened on one name are the same event.
+  // A second open of the same object gives the same handle.
   RTOS_EVENT second = OpenEvent("EVENT_NOTIFY_RTOS2WIN");
+  EXPECT_EQ(second, answer);
   host->SignalAnswer(Channel::Notify);
   EXPECT_EQ(RtosWaitEvent(second, 0), 0u);
   EXPECT_EQ(RtosWaitEvent(answer, 0), RTE_ERROR_TIMEOUT);
@@ -289,6 +290,7 @@ TEST(RtosLib64, KilledControllerIsDeadAtOnceAndItsLeftoversAreCleaned) {
 TEST(RtosLib64, EndedControllerRemovesWhatItCreated) {
   ScopedPartition partition("clean");
   RtosHostStatus status;
+  RTOS_EVENT old = nullptr;
   {
     auto host = RtosHost::Create(SmallAreas(), &status);
     ASSERT_NE(host, nullptr) << status.message;
@@ -299,6 +301,7 @@ TEST(RtosLib64, EndedControllerRemovesWhatItCreated) {
     EXPECT_EQ(RtosIsAlive(), 1u);
     uint32_t id = 0;
     EXPECT_EQ(RtosQueryShmId(L"ConnectArea", 4, &id), 0u);
+    old = OpenEvent("EVENT_CONNECT_RTOS2WIN");
   }
   EXPECT_EQ(RtosIsAlive(), 0u);
   for (const char* object : {"ConnectArea", "NotifyArea", "DataSwapArea", "EVENT_CONNECT_WIN2RTOS",
@@ -312,6 +315,12 @@ TEST(RtosLib64, EndedControllerRemovesWhatItCreated) {
   auto next = RtosHost::Create(SmallAreas(), &status);
   ASSERT_NE(next, nullptr);
   EXPECT_FALSE(status.cleanedLeftovers);
+  // The new controller's event is a new object with a handle of its own.
+  RTOS_EVENT fresh = OpenEvent("EVENT_CONNECT_RTOS2WIN");
+  EXPECT_NE(fresh, old);
+  next->SignalAnswer(Channel::Connect);
+  EXPECT_EQ(RtosWaitEvent(old, 0), RTE_ERROR_TIMEOUT);
+  EXPECT_EQ(RtosWaitEvent(fresh, 0), 0u);
 }
 
 TEST(RtosLib64, HostRefusesZeroSizedAreas) {
