@@ -165,22 +165,6 @@ TEST_F(ChannelTest, ConnectWithMissingHandlesOrArea) {
   }
 }
 
-TEST_F(ChannelTest, InitCreatesTheMutexOnceAndLaterChannelsOpenIt) {
-  // Within this process's partition the first channel of each kind made the mutex.
-  qvtest::Log().Clear();
-  ConnectCmdThread a;
-  a.Init();
-  ConnectCmdThread b;
-  b.Init();
-  EXPECT_NE(nullptr, b.m_hMutex);
-  EXPECT_LE(qvtest::Log().CountOf(info, "Create Process Mutex!", "ConnectCmdThread::Init"), 1u);
-  EXPECT_EQ(2u, qvtest::Log().CountOf(info, "m_hEventTx,Ok", "ConnectCmdThread::Init"));
-  qvtest::Log().Clear();
-  ConnectCmdThread c;
-  c.Init();
-  EXPECT_EQ(0u, qvtest::Log().CountOf(info, "Create Process Mutex!"));
-}
-
 TEST_F(ChannelTest, AbandonedMutexGivesZeroAndSendsNothing) {
   ConnectCmdThread channel;
   channel.Init();
@@ -338,22 +322,6 @@ TEST_F(ChannelTest, DefineAsyncTextsDifferFromConnect) {
   qvtest::Log().Clear();
   EXPECT_EQ(kRecvFailed, channel.Async(cmd));
   EXPECT_EQ(1u, qvtest::Log().CountOf(warn, "UnknownError(0x1)", "DefineShmComThread::runAsyncIntf"));
-}
-
-TEST_F(ChannelTest, DefineQueuePath) {
-  DefineShmComThread channel;
-  defineCmd cmd;
-  cmd.Flag = 1;
-  EXPECT_FALSE(channel.StopLoopTask(cmd));
-  EXPECT_EQ(0u, channel.QueueLength());
-  cmd.Flag = 4;
-  cmd.Err = 9;
-  EXPECT_TRUE(channel.StopLoopTask(cmd));
-  defineCmd out;
-  EXPECT_EQ(0u, channel.GetDefineCmd(out));
-  EXPECT_EQ(4, out.Flag);
-  EXPECT_EQ(0u, out.Err);
-  EXPECT_EQ(0u, channel.QueueLength());
 }
 
 // ---------------------------------------------------------------- data swap

@@ -111,33 +111,6 @@ TEST(ShmSlot, DataSwapFieldsAtOddOffsetsAndValuesByDirection) {
   }
 }
 
-TEST(ShmSlot, AnswersAreReadFromTheirOwnOffsets) {
-  auto area = Filled(64);
-  WriteAt<uint32_t>(area.data(), 0, 3);
-  WriteAt<uint32_t>(area.data(), 4, 17);
-  WriteAt<uint32_t>(area.data(), 8, 1234);
-  WriteAt<uint32_t>(area.data(), 12, 2);
-  const ConnectAnswer c = ReadConnectAnswer(area.data());
-  EXPECT_EQ(3u, c.Flag);
-  EXPECT_EQ(17u, c.seq);
-  EXPECT_EQ(1234u, c.beat);
-  EXPECT_EQ(2u, c.errInfo);
-
-  WriteAt<uint16_t>(area.data(), 0, 7);
-  area[2] = 3;
-  WriteAt<uint32_t>(area.data(), 12, 42);
-  const DefineAnswer d = ReadDefineAnswer(area.data());
-  EXPECT_EQ(7, d.Err);
-  EXPECT_EQ(3, d.Flag);
-  EXPECT_EQ(42u, d.TagsHandle);
-
-  WriteAt<uint32_t>(area.data(), 0, 0x01000001);
-  area[4] = 2;
-  const RwAnswer r = ReadRwAnswer(area.data());
-  EXPECT_EQ(0x01000001u, r.Err);
-  EXPECT_EQ(2, r.Flag);
-}
-
 TEST(ShmRecords, LogFormsPrintEveryFieldAsUnsignedDecimal) {
   connectCmd c;
   c.Flag = 1;
