@@ -206,3 +206,22 @@ TEST(LocalEncoding, Utf8TestAndConversion) {
   }
   std::setlocale(LC_ALL, "");
 }
+
+// A million variables open and flatten (seconds: labelled slow).
+TEST(SymbolsSlow, MillionVariablesOpenAndFlatten) {
+  symtest::TempDir dir;
+  const std::string path = dir.Path("million.xml");
+  ASSERT_TRUE(qorvarlok::gensym::WriteSymbolFile(path, 1000000));
+  const auto expected = qorvarlok::gensym::ExpectedFor(1000000);
+  unsigned int code = 0;
+  void* handle = CreateSymbolConfigHandleW(symtest::Wide(path).c_str(), &code);
+  ASSERT_NE(handle, nullptr) << std::hex << code;
+  tagTagDesc* all = nullptr;
+  unsigned int count = 0;
+  ASSERT_EQ(GetSymbolConfigParseResult(handle, &all, &count), 0u);
+  EXPECT_EQ(count, expected.flatTags);
+  EXPECT_STREQ(all[count - 1].FullName, "App.G00999.v999999.ok");
+  ReleaseSymbolConfigHandle(handle);
+  qorvarlok::symbols::ReclaimReleasedSymbolConfigs();
+  EXPECT_EQ(qorvarlok::symbols::ReleasedSymbolConfigCount(), 0u);
+}
