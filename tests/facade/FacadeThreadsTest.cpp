@@ -10,6 +10,7 @@ namespace {
 
 class FacadeThreadsTest : public FacadeFixture {};
 
+
 TEST_F(FacadeThreadsTest, OperationsOfAllObjectsRunOneAtATime) {
   constexpr int kObjects = 3;
   constexpr int kThreadsPerObject = 3;
