@@ -26,15 +26,12 @@ show() {
 echo
 echo "== Offline: the demo project's symbol file ($DEMO_XML)"
 show version
-show browse "$DEMO_XML"
-printf '\n$ varlok browse --flat %s | head -n 25\n' "$DEMO_XML"
-"$VARLOK" browse --flat "$DEMO_XML" | head -n 25 || true
-# The first group below the top level, browsed on its own.
-FIRST_GROUP="$("$VARLOK" browse "$DEMO_XML" | sed -n '2s/^ *//p' | cut -d' ' -f1)"
-TOP="$("$VARLOK" browse "$DEMO_XML" | sed -n '1p' | cut -d' ' -f1)"
-if [ -n "$TOP" ] && [ -n "$FIRST_GROUP" ]; then
-  show browse "$DEMO_XML" "$TOP.$FIRST_GROUP"
-fi
+printf '\n$ varlok browse %s | head -n 40\n' "$DEMO_XML"
+"$VARLOK" browse "$DEMO_XML" | head -n 40 || true
+echo "   ... ($("$VARLOK" browse "$DEMO_XML" | wc -l) lines in all)"
+show browse "$DEMO_XML" App.GVL.motor
+printf '\n$ varlok browse --flat %s | head -n 15\n' "$DEMO_XML"
+"$VARLOK" browse --flat "$DEMO_XML" | head -n 15 || true
 
 echo
 echo "== Error codes and their texts"

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "Commands.h"
@@ -82,6 +83,7 @@ struct Columns {
   size_t name = 0;
   size_t type = 0;
   size_t size = 0;
+  size_t access = 0;
 };
 
 const char* shownName(const tagTagDesc& d, bool fullNames) { return fullNames ? d.FullName : d.Name; }
@@ -91,6 +93,7 @@ void widen(Columns& c, const tagTagDesc& d, bool fullNames) {
   c.name = std::max(c.name, widthOf(shownName(d, fullNames)));
   c.type = std::max(c.type, typeLabel(d).size());
   c.size = std::max(c.size, std::to_string(d.Size).size());
+  if (d.Comment != nullptr && d.Comment[0] != '\0') c.access = std::max(c.access, std::strlen(accessName(d.AccessType)));
 }
 
 void pad(std::string& line, size_t used, size_t column) { line.append(column > used ? column - used : 0, ' '); }
@@ -108,7 +111,10 @@ void printLine(const tagTagDesc& d, bool fullNames, int depth, const Columns& co
     line += "  " + size;
     pad(line, size.size(), columns.size);
     line += std::string("  ") + accessName(d.AccessType);
-    if (d.Comment != nullptr && d.Comment[0] != '\0') line += std::string("  // ") + d.Comment;
+    if (d.Comment != nullptr && d.Comment[0] != '\0') {
+      pad(line, std::strlen(accessName(d.AccessType)), columns.access);
+      line += std::string("  // ") + d.Comment;
+    }
   }
   line += '\n';
   std::fwrite(line.data(), 1, line.size(), stdout);
