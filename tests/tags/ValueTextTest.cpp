@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "SymbolFixture.h"
-#include "Varlok.h"
+#include "ShareMemCom.h"
 
 using ZelmonteVarlok::Varlok;
 
@@ -123,42 +123,6 @@ TEST(VarlokHelpers, SessionIdsAreUniqueAcrossThreads) {
   EXPECT_EQ(*all.rbegin(), first + 8001);
 }
 
-// The smallest concrete backend: the helpers under test are the base's.
-class BareBackend : public Varlok {
- public:
-  unsigned int InitializeCom() override { return ERR_UNDEFINED; }
-  unsigned int ExitVarlokCommunication() override { return ERR_UNDEFINED; }
-  void* ConnectToPlcDevice(const std::string&, unsigned int& err) override { return fail(err); }
-  unsigned int DisconnectFromPlcDevice(void*) override { return ERR_UNDEFINED; }
-  void* CreateTagsHandle(const std::vector<std::string>&, unsigned int, unsigned int& err) override {
-    return fail(err);
-  }
-  void* CreateTagsHandle(const std::string&, unsigned int, unsigned int& err) override { return fail(err); }
-  unsigned int DeleteTagsHandle(void*&) override { return ERR_UNDEFINED; }
-  void SetPlcDevice(void*) override {}
-  void* GetPlcDevice() override { return nullptr; }
-  unsigned int ReadTag(void*, tagTagVarValue**, unsigned int&) override { return ERR_UNDEFINED; }
-  unsigned int ReadTag(void*, std::vector<tagTagVarValue>&, unsigned int&) override { return ERR_UNDEFINED; }
-  unsigned int WriteTag(void*, std::vector<std::string>&) override { return ERR_UNDEFINED; }
-  unsigned int ReadTagValue(void*, std::vector<void*>&, std::vector<int>&, std::vector<int>&) override {
-    return ERR_UNDEFINED;
-  }
-  unsigned int WriteTagValue(void*, unsigned char*, unsigned int) override { return ERR_UNDEFINED; }
-  unsigned int WriteTagValue(void*, std::vector<void*>&, std::vector<int>&, std::vector<int>&) override {
-    return ERR_UNDEFINED;
-  }
-  unsigned int ReadArray(void*, void*, int, unsigned int, unsigned int) override { return ERR_UNDEFINED; }
-  unsigned int WriteArray(void*, void*, int, unsigned int, unsigned int) override { return ERR_UNDEFINED; }
-  unsigned int ReadStructField(void*, void**, int*) override { return ERR_UNDEFINED; }
-  unsigned int WriteStructField(void*, const void*, int*) override { return ERR_UNDEFINED; }
-
- private:
-  static void* fail(unsigned int& err) {
-    err = ERR_UNDEFINED;
-    return nullptr;
-  }
-};
-
 qorvarlok::symbols::TagsConfig* ReadPointFile(qvtest::TempDir& dir, uint32_t instanceId) {
   const std::string path =
       dir.Write("points.xml", qvtest::SymbolFile(qvtest::kPointTypes, qvtest::kPointVariables));
@@ -170,7 +134,8 @@ qorvarlok::symbols::TagsConfig* ReadPointFile(qvtest::TempDir& dir, uint32_t ins
 
 TEST(VarlokHelpers, BackendOwnsItsTagsManager) {
   qvtest::TempDir dir;
-  auto backend = std::make_unique<BareBackend>();
+  // The shared-memory backend, never initialised: the helpers under test are the base's.
+  auto backend = std::make_unique<ZelmonteVarlok::ShareMemCom>();
   EXPECT_EQ(backend->GetTagManager(), nullptr);
   auto* config = ReadPointFile(dir, 302);
   ASSERT_NE(config, nullptr);
