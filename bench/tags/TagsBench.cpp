@@ -35,6 +35,7 @@ struct Session {
   std::unique_ptr<TagsManager> manager;
   std::vector<std::string> plain;
   std::vector<std::vector<std::string>> indexed;  // slice k: element [k] of each DInt array
+  size_t nextFresh = 0;                           // slices 0 to 8 are resolved once each; 9 is kept
   double fillSeconds = 0;
 };
 
@@ -125,8 +126,14 @@ BENCHMARK(BM_PlainList10k)->Name("BM_PlainList10k/again")->Unit(benchmark::kMill
 
 void BM_IndexedList10kFirstTime(benchmark::State& state) {
   if (!Ready(state)) return;
-  size_t slice = 0;  // a slice never listed before on every iteration
-  for (auto _ : state) BuildAndDrop(state, *Shared().manager, Shared().indexed[slice++]);
+  Session& session = Shared();
+  for (auto _ : state) {
+    if (session.nextFresh >= 9) {  // a repetition would measure resolved names
+      state.SkipWithError("no names left that were never resolved");
+      break;
+    }
+    BuildAndDrop(state, *session.manager, session.indexed[session.nextFresh++]);
+  }
   state.SetItemsProcessed(state.iterations() * kListLength);
 }
 BENCHMARK(BM_IndexedList10kFirstTime)->Iterations(8)->Unit(benchmark::kMillisecond);
