@@ -152,6 +152,10 @@ TEST(VarlokHelpers, BackendOwnsItsTagsManager) {
   EXPECT_EQ(backend->GetTagManager(), manager);
   EXPECT_EQ(manager->Config(), again);
   EXPECT_NE(manager->findTagNode("App.GVL.grid[1,1].y"), nullptr);
+  const size_t nodes = manager->NodeCount();
+  EXPECT_EQ(backend->InitTagsManager(again, 303), 0u);  // the same one again adds nothing
+  EXPECT_EQ(manager->NodeCount(), nodes);
+  EXPECT_EQ(manager->Config(), again);
 
   backend->ReleaseTagsManager();
   EXPECT_EQ(backend->GetTagManager(), nullptr);
