@@ -146,6 +146,56 @@ TEST_F(SymbolExports, HostileFilesAreRefusedOrOpenWithoutHarm) {
   }
 }
 
+TEST_F(SymbolExports, ExceptionsBecomeTheInputParametersCode) {
+  // An array whose name passes the UTF-8 test but does not decode: the local
+  // form of its name throws while the tree expands.
+  const std::string xml =
+      "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<Symbolconfiguration><Header/><TypeList>\n"
+      "<TypeSimple name=\"T_DINT\" size=\"4\" iecname=\"DINT\" typeclass=\"DInt\"/>\n"
+      "<TypeArray name=\"A\" size=\"8\" iecname=\"A\" typeclass=\"Array\" basetype=\"T_DINT\"><D minrange=\"0\" "
+      "maxrange=\"1\"/></TypeArray>\n</TypeList><NodeList><Node name=\"App\"><Node name=\"GVL\">\n"
+      "<Node name=\"\xF8\x80\x80\x80\x80\" type=\"A\" access=\"Read\"/>\n"
+      "</Node></Node></NodeList></Symbolconfiguration>\n";
+  unsigned int code = 0;
+  void* handle = Open(m_dir.Write("bad-name.xml", xml), &code);
+  ASSERT_NE(handle, nullptr) << std::hex << code;
+  tagTagDesc* all = nullptr;
+  unsigned int count = 0;
+  EXPECT_EQ(GetSymbolConfigParseResult(handle, &all, &count), ERR_INPUT_PARAMETERS);
+  EXPECT_EQ(qvtest::Log().CountOf(spdlog::level::info, "exception=wstring_convert::from_bytes",
+                                  "GetSymbolConfigParseResult"),
+            1u);
+  tagTagDesc* level = nullptr;
+  ASSERT_EQ(GetSymbolConfigToppestTagsDesc(handle, &level, &count), 0u);
+  ASSERT_EQ(GetSymbolConfigSubTagsDesc(level[0].TagsHandle, &level, &count), 0u);
+  ASSERT_EQ(GetSymbolConfigSubTagsDesc(level[0].TagsHandle, &level, &count), 0u);
+  ASSERT_EQ(count, 1u);
+  EXPECT_EQ(GetSymbolConfigSubTagsDesc(level[0].TagsHandle, &all, &count), ERR_INPUT_PARAMETERS);
+  EXPECT_EQ(qvtest::Log().CountOf(spdlog::level::info, "exception=wstring_convert::from_bytes",
+                                  "GetSymbolConfigSubTagsDesc"),
+            1u);
+  ReleaseSymbolConfigHandle(handle);
+}
+
+TEST_F(SymbolExports, HandlesOfAReleasedConfigurationStayUsable) {
+  unsigned int code = 0;
+  void* handle = Open(m_dir.Write("kept.xml", symtest::SmallFile()), &code);
+  ASSERT_NE(handle, nullptr);
+  tagTagDesc* top = nullptr;
+  unsigned int count = 0;
+  ASSERT_EQ(GetSymbolConfigToppestTagsDesc(handle, &top, &count), 0u);
+  const size_t keptBefore = qorvarlok::symbols::ReleasedSymbolConfigCount();
+  ReleaseSymbolConfigHandle(handle);
+  EXPECT_EQ(qorvarlok::symbols::ReleasedSymbolConfigCount(), keptBefore + 1);
+  // The tree outlives its registry entry: a held node can still be listed.
+  tagTagDesc* gvl = nullptr;
+  ASSERT_EQ(GetSymbolConfigSubTagsDesc(top[0].TagsHandle, &gvl, &count), 0u);
+  tagTagDesc* vars = nullptr;
+  ASSERT_EQ(GetSymbolConfigSubTagsDesc(gvl[0].TagsHandle, &vars, &count), 0u);
+  EXPECT_EQ(count, 2u);
+  EXPECT_STREQ(vars[1].FullName, "App.GVL.grid");
+}
+
 TEST_F(SymbolExports, GeneratedFileHasWhatTheGeneratorPromises) {
   const std::string path = m_dir.Path("gen.xml");
   ASSERT_TRUE(qorvarlok::gensym::WriteSymbolFile(path, 10000));
