@@ -1,5 +1,6 @@
 #include "SymbolConfigReader.h"
 
+#include <sys/stat.h>
 #include <tinyxml.h>
 
 #include <cerrno>
@@ -7,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -325,8 +327,28 @@ std::string CheckNesting(std::FILE* file) {
 SymbolConfiguration* SymbolConfigReader::ReadFile(const std::wstring& path, char** message) {
   m_lastError = 0;
   FilePtr file(std::fopen(platform::wideToNarrow(path).c_str(), "rb"));
-  if (file) {
-    const std::string nesting = CheckNesting(file.get());
+  try {
+    return Read(file.get(), message);
+  } catch (const std::bad_alloc&) {
+    // A file larger than the memory at hand: refused like any unreadable file.
+    return Refuse(ERR_XML_ILLEGL_XML_FORMAT, "Not enough memory to read the file", message);
+  }
+}
+
+SymbolConfiguration* SymbolConfigReader::Refuse(unsigned int code, const char* detail, char** message) {
+  VLOG(err, kReadFile, "cannot load the symbol file: {}", detail);
+  m_lastError = code;
+  if (message != nullptr) *message = CopyText(Formatted(ReadErrorDescription(code), detail));
+  return nullptr;
+}
+
+SymbolConfiguration* SymbolConfigReader::Read(std::FILE* file, char** message) {
+  if (file != nullptr) {
+    // The parser sizes its buffer from the file's length: only a regular file has a true one.
+    struct stat info {};
+    if (fstat(fileno(file), &info) != 0 || !S_ISREG(info.st_mode))
+      return Refuse(ERR_XML_ILLEGL_XML_FORMAT, "Not a regular file", message);
+    const std::string nesting = CheckNesting(file);
     if (!nesting.empty()) {
       VLOG(err, kReadFile, "refused before parsing: {}", nesting);
       m_lastError = ERR_XML_ILLEGL_XML_FORMAT;
@@ -335,7 +357,7 @@ SymbolConfiguration* SymbolConfigReader::ReadFile(const std::wstring& path, char
     }
   }
   TiXmlDocument document;
-  if (!document.LoadFile(file.get(), TIXML_ENCODING_UNKNOWN)) {
+  if (!document.LoadFile(file, TIXML_ENCODING_UNKNOWN)) {
     VLOG(err, kReadFile, "cannot load the symbol file: {} (line {})", document.ErrorDesc(), document.ErrorRow());
     m_lastError = ERR_XML_ILLEGL_XML_FORMAT;
     if (message != nullptr) *message = CopyText(Formatted(ReadErrorDescription(m_lastError), document.ErrorDesc()));

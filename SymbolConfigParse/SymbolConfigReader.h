@@ -3,6 +3,7 @@
 // its line number (ERR_XML_LINE_ERROR | line).
 #pragma once
 
+#include <cstdio>
 #include <string>
 
 #include "SymbolModel.h"
@@ -17,6 +18,9 @@ class SymbolConfigReader {
   unsigned int LastError() const { return m_lastError; }
 
  private:
+  SymbolConfiguration* Read(std::FILE* file, char** message);
+  SymbolConfiguration* Refuse(unsigned int code, const char* detail, char** message);
+
   unsigned int m_lastError = 0;
 };
 

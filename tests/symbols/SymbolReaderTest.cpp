@@ -43,6 +43,8 @@ std::vector<FailureCase> FailureCases() {
   return {
       {"missing file", "<missing>", ERR_XML_ILLEGL_XML_FORMAT, nullptr, "(Failed to open file)", "",
        "cannot load the symbol file: Failed to open file"},
+      {"a directory", "<directory>", ERR_XML_ILLEGL_XML_FORMAT, nullptr, "(Not a regular file)",
+       "cannot load the symbol file: Not a regular file", ""},
       {"empty file", "", ERR_XML_ILLEGL_XML_FORMAT, nullptr, "(Error document empty.)", "",
        "cannot load the symbol file: Error document empty."},
       {"white space only", " \n\t\n", ERR_XML_ILLEGL_XML_FORMAT, nullptr, "(Error document empty.)", "",
@@ -99,7 +101,9 @@ TEST(SymbolReader, EveryFailureHasItsCodeLineMessageAndLogLine) {
   for (const FailureCase& c : FailureCases()) {
     SCOPED_TRACE(c.name);
     log.Clear();
-    const std::string path = c.xml == "<missing>" ? dir.Path("absent.xml") : dir.Write("case.xml", c.xml);
+    const std::string path = c.xml == "<missing>"     ? dir.Path("absent.xml")
+                             : c.xml == "<directory>" ? dir.Path("")
+                                                      : dir.Write("case.xml", c.xml);
     unsigned int code = 0;
     TagsConfig* config = ReadSymbolConfig(symtest::Wide(path), &code);
     EXPECT_EQ(config, nullptr);
