@@ -103,13 +103,19 @@ MutexBlock* MapBlock(int fd) {
 }
 
 // A creator in another process may still be setting the object up: wait for it, bounded.
-MutexBlock* JoinExisting(int fd) {
+bool WaitForSize(int fd) {
   for (int i = 0; i < 200; ++i) {
     struct stat info {};
-    if (fstat(fd, &info) != 0) return nullptr;
-    if (static_cast<size_t>(info.st_size) >= sizeof(MutexBlock)) break;
+    if (fstat(fd, &info) != 0) return false;
+    if (static_cast<size_t>(info.st_size) >= sizeof(MutexBlock)) return true;
     usleep(5000);
   }
+  return false;
+}
+
+MutexBlock* JoinExisting(int fd) {
+  // Mapping a shorter object would fault on the first touch.
+  if (!WaitForSize(fd)) return nullptr;
   MutexBlock* block = MapBlock(fd);
   if (block == nullptr) return nullptr;
   for (int i = 0; i < 200; ++i) {
@@ -150,8 +156,13 @@ MutexBlock* OpenBlock(const std::string& shmName, bool create) {
     }
     MutexBlock* block = JoinExisting(fd);
     close(fd);
-    if (block == nullptr) Fail(kErrorInternal);
-    return block;
+    if (block != nullptr) return block;
+    // Its creator died before finishing it: nobody can ever use it, so make it anew.
+    if (create && attempt == 0) {
+      shm_unlink(shmName.c_str());
+      continue;
+    }
+    return Fail(kErrorInternal), nullptr;
   }
   return Fail(kErrorInternal), nullptr;
 }

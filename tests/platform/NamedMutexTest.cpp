@@ -2,7 +2,9 @@
 // abandonment by a dead thread or process, and sharing between processes.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <thread>
 
@@ -124,5 +126,21 @@ TEST(NamedMutex, ProcessesTakeTurns) {
   EXPECT_TRUE(ReleaseNamedMutex(mutex));
   EXPECT_TRUE(WaitChild(child, 5000).Exited(0));
   EXPECT_EQ(WaitForNamedMutex(mutex, 0), kWaitObject0) << "released by the child";
+  EXPECT_TRUE(ReleaseNamedMutex(mutex));
+}
+
+// Slow: the bounded wait for a creator still at work runs out twice (about 2 s).
+TEST(NamedMutexSlow, HalfMadeObjectOfADeadCreatorIsMadeAnew) {
+  ScopedPartition partition("mxhalf");
+  // What a creator leaves when it dies between creating the object and setting it up.
+  const std::string path = partition.ShmPath("Global_MUTEX_CONNECT");
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL, 0666);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  EXPECT_EQ(OpenNamedMutex(L"Global\\MUTEX_CONNECT"), nullptr) << "opening alone does not repair";
+  EXPECT_EQ(NamedMutexLastError(), 1359u);
+  NamedMutexHandle mutex = CreateNamedMutex(L"Global\\MUTEX_CONNECT");
+  ASSERT_NE(mutex, nullptr);
+  EXPECT_EQ(WaitForNamedMutex(mutex, 0), kWaitObject0);
   EXPECT_TRUE(ReleaseNamedMutex(mutex));
 }
