@@ -334,6 +334,23 @@ TEST_F(FacadeTest, InitializeComRejectsBadTypesAndKeepsState) {
   EXPECT_EQ(ERR_INVALID_VAR_DEFS, varlok.ExitVarlokCommunication());
 }
 
+TEST_F(FacadeTest, TcpInitialisationMakesNoBackendWhileNoneExists) {
+  qorvarlok::facade::SetVarlokFactoryForTests(nullptr);
+  ZelVarlok varlok;
+  EXPECT_EQ(ERR_UNDEFINED, varlok.InitializeCom(COM_TYPE_TCP, file.WidePath()));
+  EXPECT_EQ(1u, log.CountOf(err, "m_pVarlok = nullptr", "ZelVarlok_p::createVarlok"));
+  EXPECT_EQ(1u, log.CountOf(warn, "m_pVarlok==nullptr", "ZelVarlok::InitializeCom"));
+  // The other forms go on to use the missing backend: the fault that the
+  // catch-all reports, answered with their local code.
+  EXPECT_EQ(0u, varlok.InitializeCom(COM_TYPE_TCP, file.path.c_str()));
+  EXPECT_EQ(0u, varlok.InitializeCom(COM_TYPE_TCP, static_cast<void*>(nullptr)));
+  EXPECT_EQ(2u, log.CountOf(err, "unknown exception", "ZelVarlok::InitializeCom"));
+  unsigned int error = 0;
+  EXPECT_EQ(nullptr, varlok.ConnectToPlcDevice("10.0.0.1", error));
+  EXPECT_EQ(ERR_COMMUNICATION_NOT_INITIALIZED, error);
+  EXPECT_EQ(ERR_INVALID_VAR_DEFS, varlok.ExitVarlokCommunication());
+}
+
 TEST_F(FacadeTest, ReinitialisationThroughEachFormKeepsOneBackend) {
   ZelVarlok varlok;
   Connect(varlok);
