@@ -1,6 +1,9 @@
 // Layout rule and name resolution of the process image.
 #include <gtest/gtest.h>
 
+#include <cstring>
+
+#include "DemoTask.h"
 #include "ProcessImage.h"
 #include "TestProject.h"
 #include "LogCapture.h"
@@ -132,6 +135,51 @@ TEST(ControllerImage, ResolvesEveryNameAClientSends) {
     EXPECT_EQ(at.offset, c.offset);
     EXPECT_EQ(at.size, c.size);
   }
+}
+
+}  // namespace
+
+namespace {
+
+TEST(ControllerDemoTask, MovesCounterSineAndToggle) {
+  auto project = MakeProject();
+  auto image = ProcessImage::Build(*project);
+  CommandHandler handler(*image, 4096);
+  DemoTask demo(handler, 2500);  // its thread's first cycle comes after the Step calls below
+  ASSERT_TRUE(demo.MovesAnything());
+  struct Case {
+    uint64_t cycle;
+    int32_t counter;
+    double sine;
+    uint8_t toggle;
+  };
+  // 2.5 s a cycle; the sine has a period of 10 s and amplitude 100, the toggle flips every second.
+  for (const Case& c : std::vector<Case>{{1, 1, 100.0, 0}, {2, 2, 0.0, 1}, {3, 3, -100.0, 1}, {4, 4, 0.0, 0}}) {
+    demo.Step(c.cycle);
+    int32_t counter = 0;
+    double sine = 1.0;
+    std::memcpy(&counter, image->Data() + 0, 4);
+    std::memcpy(&sine, image->Data() + 8, 8);
+    EXPECT_EQ(counter, c.counter);
+    EXPECT_NEAR(sine, c.sine, 1e-9);
+    EXPECT_EQ(image->Data()[16], c.toggle);
+  }
+}
+
+TEST(ControllerDemoTask, LeavesOutNamesOfAnotherType) {
+  auto& log = qvtest::Log();
+  log.Clear();
+  auto project = MakeProject();
+  static_cast<VariableNode*>(
+      static_cast<NodeWithChildren*>(static_cast<NodeWithChildren*>(project->nodes->Children()[0])->Children()[0])
+          ->Children()[0])
+      ->type = "T_INT";  // counter becomes an Int
+  auto image = ProcessImage::Build(*project);
+  CommandHandler handler(*image, 4096);
+  DemoTask demo(handler, 100000);
+  EXPECT_TRUE(log.Contains("App.GVL.counter is not moved: type code 6 instead of 7"));
+  demo.Step(1);
+  EXPECT_EQ(image->Data()[0], 0) << "the counter is not touched";
 }
 
 }  // namespace

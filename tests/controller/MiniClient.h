@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "RtosLib64.h"
 #include "SlotFormat.h"
@@ -34,8 +35,16 @@ class MiniClient {
       area[c] = static_cast<uint8_t*>(address);
       if (uint32_t r = RtosOpenEvent(0, 0, kEvents[c][0], &tx[c])) return r;
       if (uint32_t r = RtosOpenEvent(0, 0, kEvents[c][1], &rx[c])) return r;
+      Kept().push_back(tx[c]);
+      Kept().push_back(rx[c]);
     }
     return 0;
+  }
+  // The library has no call that closes an event: a client keeps its handles
+  // for the process's life, as these stay reachable here.
+  static std::vector<RTOS_EVENT>& Kept() {
+    static auto* kept = new std::vector<RTOS_EVENT>();
+    return *kept;
   }
   ~MiniClient() {
     for (int c = 0; c < 3; ++c)

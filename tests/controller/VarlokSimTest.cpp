@@ -231,6 +231,7 @@ TEST_F(VarlokSimTest, RejectsBadArgumentsWithAMessage) {
       {{"--symbols", symbols, "--silent", "nowhere"}, 1, "varlok-sim: bad value for --silent: nowhere"},
       {{"--symbols", symbols, "--refuse-connect", "5"}, 1, "varlok-sim: bad value for --refuse-connect: 5"},
       {{"--symbols", symbols, "--error", "define"}, 1, "varlok-sim: --error needs --error-value N with N not 0"},
+      {{"--symbols", symbols, "--log-level", "loud"}, 1, "varlok-sim: bad value for --log-level: loud"},
       {{"--symbols", symbols, "--bogus"}, 1, "varlok-sim: unknown or incomplete option --bogus"},
       {{"--symbols", "/nonexistent/file.xml", "--partition", partition}, 2, "varlok-sim: cannot read /nonexistent/file.xml"},
       {{"--symbols", symbols, "--partition", "a/b"}, 4, "varlok-sim: cannot start: "},

@@ -116,6 +116,9 @@ std::string ParseArguments(int argc, char** argv, Options& o) {
     if (!ok) return "bad value for " + arg + (value != nullptr ? std::string(": ") + value : std::string());
   }
   if (o.symbols.empty()) return "--symbols FILE is required";
+  if (o.logLevel != "trace" && o.logLevel != "debug" && o.logLevel != "info" && o.logLevel != "warn" &&
+      o.logLevel != "err")
+    return "bad value for --log-level: " + o.logLevel;
   if (f.errorMask != 0 && f.errorValue == 0) return "--error needs --error-value N with N not 0";
   return "";
 }
