@@ -1,8 +1,13 @@
 // The reader: every failure code with its line and message, the header and
 // the number rules, the type table, and the nesting check before parsing.
 #include <gtest/gtest.h>
+#include <tinyxml.h>
 
+#include <algorithm>
+#include <random>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "QorVarlok/ZelVarlok.h"
 #include "SymbolTestFiles.h"
@@ -304,4 +309,45 @@ TEST(XmlDepthScan, MeasuresNestingAsTheParserReadsIt) {
   const XmlDepthResult r = ScanXmlDepth(deep.data(), deep.size());
   EXPECT_EQ(r.maxDepth, kMaxElementDepth + 1);  // stops at the first level too deep
   EXPECT_EQ(r.line, 1);
+}
+
+namespace {
+
+int DomDepth(const TiXmlNode* node) {
+  int deepest = 0;
+  std::vector<std::pair<const TiXmlNode*, int>> stack{{node, 0}};
+  while (!stack.empty()) {
+    auto [n, depth] = stack.back();
+    stack.pop_back();
+    for (const TiXmlNode* c = n->FirstChild(); c != nullptr; c = c->NextSibling()) {
+      const int d = c->ToElement() != nullptr ? depth + 1 : depth;
+      deepest = std::max(deepest, d);
+      stack.push_back({c, d});
+    }
+  }
+  return deepest;
+}
+
+}  // namespace
+
+// Random markup: the scan must never see a text shallower than the parser
+// builds it, also where the parser stops at an error (it keeps what it built).
+TEST(XmlDepthScan, NeverUnderestimatesWhatTheParserBuilds) {
+  const char* pieces[] = {"<a>", "</a>", "<b/>", "<c x=", "\"", "'", "=", ">", "/>", "<!--", "-->", "<![CDATA[", "]]>",
+                          "<?xml version=", "<?xml encoding='latin1'?>", "?>", "&#x", "&#", ";", "41", "\xC3", "\xE4",
+                          " ", "x", "<", "</", "<!DOCTYPE ", "&amp;", "\n"};
+  std::mt19937 random(20261121);
+  int parsed = 0;
+  for (int round = 0; round < 20000; ++round) {
+    std::string text;
+    const int length = 1 + static_cast<int>(random() % 40);
+    for (int i = 0; i < length; ++i) text += pieces[random() % (sizeof(pieces) / sizeof(pieces[0]))];
+    const XmlDepthResult scan = ScanXmlDepth(text.data(), text.size());
+    TiXmlDocument document;
+    document.Parse(text.c_str(), nullptr, TIXML_ENCODING_UNKNOWN);
+    if (scan.refused) continue;
+    if (!document.Error()) ++parsed;
+    EXPECT_GE(scan.maxDepth, DomDepth(&document)) << text;
+  }
+  EXPECT_GT(parsed, 50);
 }
