@@ -136,7 +136,6 @@ struct RtosHost::Impl {
   bool bStop = false;
   OwnedShm areas[3];
   OwnedShm events[3][2];
-  SpinGovernor governors[3];
 
   ~Impl() {
     for (auto& pair : events)
@@ -368,7 +367,11 @@ uint32_t RtosHost::AreaSize(Channel channel) const {
 uint32_t RtosHost::WaitRequest(Channel channel, uint32_t timeoutMs) {
   const int c = static_cast<int>(channel);
   auto* event = static_cast<EventWord*>(m_pImpl->events[c][0].Map());
-  return EventWait(event, timeoutMs, m_pImpl->options.spinMicroseconds, &m_pImpl->governors[c]);
+  // No back-off here: a server that always spins after its answer is what
+  // lets the client's spin catch the next answer. Were both sides to back off,
+  // each would spin only while the other sleeps, and neither spin would ever
+  // catch a signal again.
+  return EventWait(event, timeoutMs, m_pImpl->options.spinMicroseconds, nullptr);
 }
 
 uint32_t RtosHost::SignalAnswer(Channel channel) {

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <linux/futex.h>
-#include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -47,8 +46,6 @@ bool Spin(EventWord* event, int64_t spinEndNs) {
       CpuRelax();
     }
     if (MonotonicNs() >= spinEndNs) return false;
-    // Gives the processor to the peer when both share it; returns at once otherwise.
-    sched_yield();
   }
 }
 
