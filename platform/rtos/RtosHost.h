@@ -37,7 +37,9 @@ struct RtosHostOptions {
   uint32_t connectAreaSize = 512;
   uint32_t notifyAreaSize = 0x500000;
   uint32_t dataSwapAreaSize = 0x500000;
-  // How long WaitRequest spins before it sleeps; 0 sleeps at once.
+  // How long WaitRequest spins before it sleeps, every time (no back-off, so
+  // that a client's spin can catch the answer to a request sent right after
+  // the last one); 0 sleeps at once and saves the processor.
   uint32_t spinMicroseconds = 50;
   // How long Create waits for the partition to become free.
   uint32_t claimTimeoutMs = 500;

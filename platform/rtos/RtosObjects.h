@@ -64,7 +64,8 @@ std::string ShmName(const std::string& partition, const std::string& object);
 // Process-local memory of how the spins of one waiter went. A spin that
 // ran out is followed by waits that sleep at once (1, 3, 7 ... 63 of them),
 // so a slow peer does not cost a burnt processor on every wait; one spin
-// that catches its signal restores spinning at every wait.
+// that catches its signal restores spinning at every wait. Used by the
+// client's waits only (see RtosHost::WaitRequest).
 class SpinGovernor {
  public:
   bool ShouldSpin();
