@@ -34,6 +34,17 @@ void AnswerWithError(Channel channel, uint8_t* area, size_t size, uint32_t value
   }
 }
 
+// Flag 3 is the answer code of every channel and no request of any.
+bool HoldsAnswer(Channel channel, const uint8_t* area, size_t size) {
+  using namespace slot;
+  switch (channel) {
+    case Channel::Connect: return size >= kConnectSlotSize && Load<uint32_t>(area, kConnectFlag) == kDone;
+    case Channel::Notify: return size >= kDefineEntries && Load<uint8_t>(area, kDefineFlag) == kDone;
+    case Channel::DataSwap: return size >= kSwapEntries && Load<uint8_t>(area, kSwapFlag) == kDone;
+  }
+  return false;
+}
+
 }  // namespace
 
 const char* ChannelName(Channel c) {
@@ -47,6 +58,13 @@ const char* ChannelName(Channel c) {
 
 void Controller::Process(CommandHandler& handler, const FaultPlan& plan, Channel channel, uint8_t* area,
                          size_t size) {
+  if (HoldsAnswer(channel, area, size)) {
+    // A wake-up without a new request (an event signalled twice): answering
+    // again would overwrite an answer the client may not have read yet.
+    VLOG(warn, "Controller::Process", "ignored a {} wake-up: the slot holds an answer, not a request",
+         ChannelName(channel));
+    return;
+  }
   const uint32_t bit = ChannelBit(channel);
   const bool setFlag = (plan.keepFlagMask & bit) == 0;
   if (plan.errorMask & bit) {

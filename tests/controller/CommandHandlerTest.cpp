@@ -310,4 +310,24 @@ TEST_F(CommandHandlerTest, InjectedFaultsShapeTheAnswer) {
   EXPECT_TRUE(qvtest::Log().Contains("refused data swap command: answering with the injected error 9"));
 }
 
+TEST_F(CommandHandlerTest, AWakeUpOnAnAnsweredSlotLeavesItAlone) {
+  const auto seq = static_cast<uint8_t>(Connect());
+  ASSERT_EQ(Define(seq, {{"App.GVL.speed", 4}}), 0);
+  ASSERT_EQ(Swap(1, seq, 1, {0}), 0u);
+  struct Case {
+    Channel channel;
+    std::vector<uint8_t>* area;
+  };
+  for (const Case& c : {Case{Channel::Connect, &connect}, Case{Channel::Notify, &notify},
+                        Case{Channel::DataSwap, &swap}}) {
+    const std::vector<uint8_t> answered = *c.area;
+    Controller::Process(*handler, FaultPlan{}, c.channel, c.area->data(), c.area->size());
+    EXPECT_EQ(*c.area, answered) << ChannelName(c.channel);
+  }
+  EXPECT_EQ(handler->ListCount(seq), 1u);
+  EXPECT_EQ(qvtest::Log().CountOf(spdlog::level::warn,
+                                  "ignored a define wake-up: the slot holds an answer, not a request"),
+            1u);
+}
+
 }  // namespace
