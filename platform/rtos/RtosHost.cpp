@@ -309,7 +309,9 @@ struct RtosHost::Impl {
       for (int d = 0; d < 2; ++d) {
         if (!events[c][d].Create(ShmName(options.partition, kEventNames[c][d]), sizeof(EventWord), message))
           return false;
-        static_cast<EventWord*>(events[c][d].Map())->magic.store(kEventMagic, std::memory_order_release);
+        auto* word = static_cast<EventWord*>(events[c][d].Map());
+        word->signallerCpu.store(-1, std::memory_order_relaxed);
+        word->magic.store(kEventMagic, std::memory_order_release);
       }
     }
     return true;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/futex.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -103,6 +104,7 @@ void SpinGovernor::Record(bool caught) {
 }
 
 void EventSend(EventWord* event) {
+  event->signallerCpu.store(sched_getcpu(), std::memory_order_relaxed);
   event->state.store(1, std::memory_order_seq_cst);
   if (event->waiters.load(std::memory_order_seq_cst) != 0) Futex(&event->state, FUTEX_WAKE, 1, nullptr);
 }
@@ -112,7 +114,8 @@ uint32_t EventWait(EventWord* event, uint32_t timeoutMs, uint32_t spinMicrosecon
   const bool infinite = timeoutMs == kInfinite;
   const int64_t start = MonotonicNs();
   const int64_t deadline = start + static_cast<int64_t>(timeoutMs) * 1000000;
-  if (spinMicroseconds != 0 && timeoutMs != 0 && (governor == nullptr || governor->ShouldSpin())) {
+  const bool peerHere = event->signallerCpu.load(std::memory_order_relaxed) == sched_getcpu();
+  if (spinMicroseconds != 0 && timeoutMs != 0 && !peerHere && (governor == nullptr || governor->ShouldSpin())) {
     int64_t spinEnd = start + static_cast<int64_t>(spinMicroseconds) * 1000;
     if (!infinite && spinEnd > deadline) spinEnd = deadline;
     const bool caught = Spin(event, spinEnd);

@@ -38,10 +38,14 @@ constexpr uint32_t kWaitTimedOut = 4203;
 
 // An auto-reset event: state 1 is signalled. waiters counts sleepers so that
 // a send to a spinning or absent waiter costs no system call.
+// signallerCpu is the processor of the last send (-1 before the first): a
+// waiter on that same processor does not spin, as the signaller could not
+// run while it spins.
 struct EventWord {
   std::atomic<uint32_t> state;
   std::atomic<uint32_t> waiters;
   std::atomic<uint32_t> magic;
+  std::atomic<int32_t> signallerCpu;
 };
 
 // The controller's keeper thread holds mutex for the controller's whole life.
