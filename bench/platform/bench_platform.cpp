@@ -4,7 +4,8 @@
 // signals the answer. This is the floor of every shared-memory command.
 //
 // Arguments: spin in microseconds on both sides (0 = sleep at once), and
-// whether both processes are pinned to one CPU. Reports the median and the
+// placement: 0 left to the scheduler, 1 both on CPU 0, 2 client on CPU 0 and
+// controller on CPU 1. Reports the median and the
 // 99th percentile of the round trip in microseconds.
 #include <benchmark/benchmark.h>
 #include <sched.h>
@@ -32,10 +33,10 @@ using qorvarlok::rtos::RtosHostOptions;
 constexpr uint8_t kStop = 4;
 constexpr size_t kPayload = 64;
 
-void PinToCpu0() {
+void PinTo(int cpu) {
   cpu_set_t set;
   CPU_ZERO(&set);
-  CPU_SET(0, &set);
+  CPU_SET(cpu, &set);
   sched_setaffinity(0, sizeof set, &set);
 }
 
@@ -67,7 +68,7 @@ double Percentile(std::vector<double>& samples, double p) {
 
 void BM_ShmRoundTrip(benchmark::State& state) {
   const auto spin = static_cast<uint32_t>(state.range(0));
-  const bool pinned = state.range(1) != 0;
+  const int64_t placement = state.range(1);
   static int run = 0;
   const std::string partition = "qvbench" + std::to_string(getpid()) + "_" + std::to_string(++run);
   setenv("VARLOK_PARTITION", partition.c_str(), 1);
@@ -75,7 +76,7 @@ void BM_ShmRoundTrip(benchmark::State& state) {
   if (pipe(fds) != 0) return state.SkipWithError("pipe");
   const pid_t child = fork();
   if (child == 0) {
-    if (pinned) PinToCpu0();
+    if (placement != 0) PinTo(placement == 2 ? 1 : 0);
     _exit(Serve(spin, fds[1]));
   }
   char ready = 0;
@@ -84,7 +85,7 @@ void BM_ShmRoundTrip(benchmark::State& state) {
   close(fds[1]);
   cpu_set_t original;
   sched_getaffinity(0, sizeof original, &original);
-  if (pinned) PinToCpu0();
+  if (placement != 0) PinTo(0);
   RtosSetEventSpin(spin);
 
   RTOS_EVENT request = nullptr, answer = nullptr;
@@ -138,11 +139,13 @@ void BM_IsAlive(benchmark::State& state) {
 
 BENCHMARK(BM_IsAlive)->ArgName("alive")->Arg(1)->Arg(0);
 BENCHMARK(BM_ShmRoundTrip)
-    ->ArgNames({"spin_us", "pinned"})
+    ->ArgNames({"spin_us", "cpus"})
     ->Args({0, 0})
     ->Args({50, 0})
     ->Args({0, 1})
     ->Args({50, 1})
+    ->Args({0, 2})
+    ->Args({50, 2})
     ->Iterations(20000)
     ->UseRealTime()
     ->Unit(benchmark::kMicrosecond);
