@@ -58,6 +58,36 @@ TEST_F(ShmSlow, DataSwapMutexHeldElsewhereTimesOutAfterThreeSeconds) {
   EXPECT_EQ(0u, varlok->WriteTagList(h, v));
 }
 
+TEST_F(ShmSlow, DefineAnswerThatKeepsFlagRunsOutTheFuture) {
+  Connect();
+  qorvarlok::controller::FaultPlan plan;
+  plan.keepFlagMask = qorvarlok::controller::ChannelBit(Channel::Notify);
+  controller->SetFaults(plan);
+  unsigned int e = 0;
+  EXPECT_EQ(nullptr, varlok->CreateTagsHandle(std::string("App.GVL.counter"), e));
+  EXPECT_EQ(ERR_WAIT_TIMEOUT, e);
+  EXPECT_EQ(1u, qvtest::Log().CountOf(err, "async define thread timeout", "DefineShmComThread::Async"));
+}
+
+TEST_F(ShmSlow, ControllerVanishingMidCommandGivesUnavailable) {
+  Connect();
+  HTAGLIST h = Define({"App.GVL.counter"});
+  qorvarlok::controller::FaultPlan plan;
+  plan.vanishMask = qorvarlok::controller::ChannelBit(Channel::DataSwap);
+  controller->SetFaults(plan);
+  std::vector<tagTagVarValue> values;
+  unsigned int count = 0;
+  // The answer never comes, and reading the slot after the time-out faults:
+  // that fault leaves the worker as an exception, read as unavailable.
+  EXPECT_EQ(ERR_RTOS_UNAVAILABLE, varlok->ReadTagList(h, values, count));
+  EXPECT_NE(nullptr, qorvarlok::shm::ShmComClient::GetInstance());
+  // The next command's slot write faults at once: the client is no longer set up,
+  // and the cut areas are too small for a new set-up.
+  EXPECT_EQ(ERR_RTOS_UNAVAILABLE, varlok->ReadTagList(h, values, count));
+  EXPECT_EQ(nullptr, qorvarlok::shm::ShmComClient::GetInstance());
+  EXPECT_EQ(1u, qvtest::Log().CountOf(spdlog::level::info, "shm client has initialized ret = 268435970"));
+}
+
 #ifdef VARLOK_SIM_PATH
 // The controller is a process of its own here: killed with SIGKILL, its
 // partition is seen dead; restarted, it cuts the old areas and the client,
