@@ -47,7 +47,7 @@ class CommandHandlerTest : public ::testing::Test {
   }
   uint32_t Swap(uint8_t rw, uint8_t seq, uint32_t handle, const std::vector<uint32_t>& entries,
                 const std::vector<uint8_t>& values = {}) {
-    std::fill(swap.begin(), swap.end(), 0);
+    std::fill(swap.begin(), swap.end(), 0xEE);  // so that a missing zero-fill of a read shows
     WriteSwap(swap.data(), rw, seq, handle, entries, values);
     handler->DataSwap(swap.data(), swap.size());
     EXPECT_EQ(slot::Load<uint8_t>(swap.data(), slot::kSwapFlag), 3u);

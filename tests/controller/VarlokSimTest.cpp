@@ -81,7 +81,9 @@ class Sim {
     m_readyFd = ready[0];
   }
   ~Sim() {
-    if (m_pid > 0 && !m_exited) {
+    // A test that failed half-way still stops its simulator cleanly, so that
+    // no objects of the partition are left behind.
+    if (m_pid > 0 && !m_exited && Stop(SIGTERM) == -1000) {
       kill(m_pid, SIGKILL);
       waitpid(m_pid, nullptr, 0);
     }
