@@ -18,6 +18,14 @@ using spdlog::level::err;
 
 namespace {
 
+// Values lie packed in the list's buffer, so they are read by copy.
+template <typename T>
+T At(const void* p) {
+  T v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+
 class ShmIntegration : public shmtest::ShmFixture {};
 
 TEST_F(ShmIntegration, ListReadWriteEveryFormWithSlotBytes) {
@@ -48,10 +56,10 @@ TEST_F(ShmIntegration, ListReadWriteEveryFormWithSlotBytes) {
   ASSERT_EQ(0u, varlok->ReadTagList(h, values, count));
   ASSERT_EQ(3u, count);
   EXPECT_STREQ("App.GVL.text", values[1].FullName);
-  EXPECT_EQ(42, *static_cast<int32_t*>(values[0].Value));
+  EXPECT_EQ(42, At<int32_t>(values[0].Value));
   EXPECT_STREQ("hello", static_cast<const char*>(values[1].Value));
   EXPECT_EQ(81, values[1].ValueLength);
-  EXPECT_EQ(2.5, *static_cast<double*>(values[2].Value));
+  EXPECT_EQ(2.5, At<double>(values[2].Value));
   EXPECT_EQ(1, Load<uint8_t>(Channel::DataSwap, 6));
 
   // Raw image of the whole list, then the array form of the read.
@@ -65,9 +73,9 @@ TEST_F(ShmIntegration, ListReadWriteEveryFormWithSlotBytes) {
   tagTagVarValue* records = nullptr;
   ASSERT_EQ(0u, varlok->ReadTagList(h, &records, count));
   ASSERT_EQ(3u, count);
-  EXPECT_EQ(-7, *static_cast<int32_t*>(records[0].Value));
+  EXPECT_EQ(-7, At<int32_t>(records[0].Value));
   EXPECT_STREQ("raw", static_cast<const char*>(records[1].Value));
-  EXPECT_EQ(0.125, *static_cast<double*>(records[2].Value));
+  EXPECT_EQ(0.125, At<double>(records[2].Value));
 
   // Typed forms.
   ASSERT_EQ(0u, varlok->WriteTagValues(h, int32_t{99}, std::string("typed"), 1.5));
@@ -279,7 +287,7 @@ TEST(ShmHelper, ClientProcess) {
     std::vector<tagTagVarValue> values;
     unsigned int count = 0;
     ASSERT_EQ(0u, varlok.ReadTagList(h, values, count));
-    ASSERT_EQ(i * 3 + 1, *static_cast<int32_t*>(values.at(0).Value));
+    ASSERT_EQ(i * 3 + 1, At<int32_t>(values.at(0).Value));
   }
   EXPECT_EQ(0u, varlok.DeleteTagsHandle(h));
   EXPECT_EQ(0u, varlok.DisconnectFromDevice(device));

@@ -132,7 +132,9 @@ TEST_F(ShmSimProcess, KilledControllerGivesUnavailableThenWorksAfterReconnect) {
   EXPECT_EQ(0u, varlok->WriteTagList(again, w));
   EXPECT_EQ(0u, varlok->ReadTagList(again, values, count));
   ASSERT_EQ(2u, count);
-  EXPECT_EQ(22, *static_cast<int32_t*>(values[1].Value));
+  int32_t second = 0;
+  std::memcpy(&second, values[1].Value, 4);
+  EXPECT_EQ(22, second);
   EXPECT_EQ(0, WEXITSTATUS(sim.Stop(SIGTERM)));
 }
 #endif
