@@ -1,15 +1,13 @@
-// A fresh process for the chaining of the fault guard: it sets up what
-// handled SIGBUS before (argv[1]: "own" handler or "default" action),
-// installs the guard, and faults on a truncated area first inside a guarded
-// region (must give a result) and then outside one (must reach what was there
-// before). Exit codes: 42 own handler ran; 1 set-up failed; 2 the guarded
-// fault was not turned into a result; 3 the unguarded fault was swallowed.
+// A fresh process for the chaining of the fault guard: it sets what handled
+// SIGBUS before (argv[1]: "own" handler or "default" action), installs the
+// guard, and faults on a truncated area inside a guarded region, then outside.
+// Exit: 42 own handler ran; 1 set-up failed; 2 guarded fault not turned into
+// a result; 3 unguarded fault swallowed.
 #include <signal.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "FaultGuard.h"
 #include "RtosHost.h"
@@ -19,12 +17,9 @@ int main(int argc, char** argv) {
   if (argc != 3) return 1;
   struct sigaction before {};
   sigemptyset(&before.sa_mask);
-  if (std::strcmp(argv[1], "own") == 0) {
-    before.sa_flags = SA_SIGINFO;
-    before.sa_sigaction = [](int signal, siginfo_t*, void*) { _exit(signal == SIGBUS ? 42 : 43); };
-  } else {
-    before.sa_handler = SIG_DFL;  // also replaces a sanitizer's handler
-  }
+  before.sa_flags = SA_SIGINFO;
+  before.sa_sigaction = [](int signal, siginfo_t*, void*) { _exit(signal == SIGBUS ? 42 : 43); };
+  if (std::strcmp(argv[1], "own") != 0) before = {};  // SIG_DFL, also over a sanitizer's handler
   sigaction(SIGBUS, &before, nullptr);
   qorvarlok::platform::InstallFaultGuard();
 

@@ -1,10 +1,8 @@
-// Named mutexes: Windows results and last errors, recursion, ownership,
-// abandonment by a dead thread or process, and sharing between processes.
+// Named mutexes: Windows results and last errors, recursion, release by the
+// owner only, mode 0666, abandonment by a killed owner process.
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <thread>
 
@@ -12,129 +10,84 @@
 #include "PlatformTestSupport.h"
 
 using namespace qorvarlok::platform;
-using platformtest::ReadyPipe;
-using platformtest::ScopedPartition;
-using platformtest::Spawn;
-using platformtest::WaitChild;
+using namespace platformtest;
 
-TEST(NamedMutex, ResultsAndLastErrors) {
+TEST(NamedMutex, ResultsRecursionAndReleaseByTheOwnerOnly) {
   ScopedPartition partition("mxcodes");
-  EXPECT_EQ(OpenNamedMutex(L"Global\\MUTEX_CONNECT"), nullptr) << "nothing to open yet";
-  EXPECT_EQ(NamedMutexLastError(), 2u);
-  struct BadName {
-    const wchar_t* name;
+  const wchar_t* name = L"Global\\MUTEX_CONNECT";
+  const struct {
+    const char* what;
+    bool (*failed)();
+    uint32_t lastError;
+  } cases[] = {
+      {"open before anyone created it", [] { return OpenNamedMutex(L"Global\\MUTEX_CONNECT") == nullptr; }, 2},
+      {"null name", [] { return CreateNamedMutex(nullptr) == nullptr; }, 123},
+      {"empty name", [] { return CreateNamedMutex(L"") == nullptr; }, 123},
+      {"slash in name", [] { return CreateNamedMutex(L"a/b") == nullptr; }, 123},
+      {"name not ASCII", [] { return CreateNamedMutex(L"M\u00fctex") == nullptr; }, 123},
+      {"wait on null handle", [] { return WaitForNamedMutex(nullptr, 10) == kWaitFailed; }, 6},
+      {"release null handle", [] { return !ReleaseNamedMutex(nullptr); }, 6},
   };
-  for (const BadName& bad : {BadName{nullptr}, BadName{L""}, BadName{L"a/b"}, BadName{L"M\u00fctex"}}) {
-    EXPECT_EQ(CreateNamedMutex(bad.name), nullptr);
-    EXPECT_EQ(NamedMutexLastError(), 123u);
+  for (const auto& c : cases) {
+    EXPECT_TRUE(c.failed()) << c.what;
+    EXPECT_EQ(NamedMutexLastError(), c.lastError) << c.what;
   }
-  EXPECT_EQ(WaitForNamedMutex(nullptr, 10), kWaitFailed);
-  EXPECT_EQ(NamedMutexLastError(), 6u);
-  EXPECT_FALSE(ReleaseNamedMutex(nullptr));
-  EXPECT_EQ(NamedMutexLastError(), 6u);
 
-  NamedMutexHandle mutex = CreateNamedMutex(L"Global\\MUTEX_CONNECT");
+  const mode_t old = umask(077);
+  NamedMutexHandle mutex = CreateNamedMutex(name);
+  umask(old);
   ASSERT_NE(mutex, nullptr);
   EXPECT_EQ(NamedMutexLastError(), 0u);
-  EXPECT_EQ(OpenNamedMutex(L"Global\\MUTEX_CONNECT"), mutex) << "one handle per name and process";
+  EXPECT_EQ(OpenNamedMutex(name), mutex) << "one handle per name and process";
   struct stat info {};
   ASSERT_EQ(stat(partition.ShmPath("Global_MUTEX_CONNECT").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0666u) << "any user may open it, whatever the umask";
 
   // Recursive: each wait needs its release; one release too many is refused.
   EXPECT_EQ(WaitForNamedMutex(mutex, 0), kWaitObject0);
   EXPECT_EQ(WaitForNamedMutex(mutex, 3000), kWaitObject0);
-  std::thread other([&] {
+  std::thread([&] {
     EXPECT_EQ(WaitForNamedMutex(mutex, 30), kWaitTimeout);
-    EXPECT_EQ(WaitForNamedMutex(mutex, 0), kWaitTimeout);
     EXPECT_FALSE(ReleaseNamedMutex(mutex)) << "only the owner releases";
     EXPECT_EQ(NamedMutexLastError(), 288u);
-  });
-  other.join();
+  }).join();
   EXPECT_TRUE(ReleaseNamedMutex(mutex));
   EXPECT_TRUE(ReleaseNamedMutex(mutex));
   EXPECT_FALSE(ReleaseNamedMutex(mutex));
   EXPECT_EQ(NamedMutexLastError(), 288u);
-  std::thread after([&] {
+  std::thread([&] {
     EXPECT_EQ(WaitForNamedMutex(mutex, 0), kWaitObject0) << "free once fully released";
     EXPECT_TRUE(ReleaseNamedMutex(mutex));
-  });
-  after.join();
+  }).join();
 }
 
-TEST(NamedMutex, AnyUserMayOpenWhateverTheUmask) {
-  ScopedPartition partition("mxmode");
-  const mode_t old = umask(077);
-  NamedMutexHandle mutex = CreateNamedMutex(L"Global\\MUTEX_NOTIFY");
-  umask(old);
-  ASSERT_NE(mutex, nullptr);
-  struct stat info {};
-  ASSERT_EQ(stat(partition.ShmPath("Global_MUTEX_NOTIFY").c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0666u);
-}
-
-TEST(NamedMutex, DeadOwnerThreadLeavesItAbandonedToTheNextWaiter) {
-  ScopedPartition partition("mxthread");
-  NamedMutexHandle mutex = CreateNamedMutex(L"Global\\MUTEX_DATASWAP");
-  ASSERT_NE(mutex, nullptr);
-  std::thread owner([&] { EXPECT_EQ(WaitForNamedMutex(mutex, 0), kWaitObject0); });
-  owner.join();
-  EXPECT_EQ(WaitForNamedMutex(mutex, 100), kWaitAbandoned);
-  // The caller owns it now, consistently: it can release it and others can take it.
-  EXPECT_TRUE(ReleaseNamedMutex(mutex));
-  EXPECT_EQ(WaitForNamedMutex(mutex, 0), kWaitObject0);
-  EXPECT_TRUE(ReleaseNamedMutex(mutex));
-}
-
-TEST(NamedMutex, KilledOwnerProcessLeavesItAbandonedAndTheWaiterOwnsIt) {
-  ScopedPartition partition("mxkill");
-  ReadyPipe ready;
-  // The child arrives first and creates the mutex; this process only opens it.
-  const pid_t child = Spawn([&] {
-    NamedMutexHandle mutex = CreateNamedMutex(L"Global\\MUTEX_CONNECT");
-    if (mutex == nullptr || WaitForNamedMutex(mutex, 0) != kWaitObject0) return 1;
-    ready.Signal();
-    pause();
-    return 0;
-  });
-  ASSERT_EQ(ready.Wait(3000), 'r');
-  NamedMutexHandle mutex = OpenNamedMutex(L"Global\\MUTEX_CONNECT");
-  ASSERT_NE(mutex, nullptr) << "the child's mutex is found by name";
-  EXPECT_EQ(WaitForNamedMutex(mutex, 20), kWaitTimeout) << "held by the living child";
-  kill(child, SIGKILL);
-  EXPECT_TRUE(WaitChild(child, 3000).Signalled(SIGKILL));
-  EXPECT_EQ(WaitForNamedMutex(mutex, 1000), kWaitAbandoned);
-  EXPECT_TRUE(ReleaseNamedMutex(mutex));
-  EXPECT_EQ(WaitForNamedMutex(mutex, 0), kWaitObject0) << "recovered, not left unusable";
-  EXPECT_TRUE(ReleaseNamedMutex(mutex));
-}
-
-TEST(NamedMutex, ProcessesTakeTurns) {
-  ScopedPartition partition("mxturns");
-  NamedMutexHandle mutex = CreateNamedMutex(L"Global\\MUTEX_DATASWAP");
-  ASSERT_NE(mutex, nullptr);
-  ASSERT_EQ(WaitForNamedMutex(mutex, 0), kWaitObject0);
-  ReadyPipe ready;
-  const pid_t child = Spawn([&] {
+// The owner process is killed holding it: the next waiter, in another
+// process that found it by name, is told so, owns it, and can hand it on.
+TEST(NamedMutex, KilledOwnerLeavesItAbandonedAndTheWaiterOwnsIt) {
+  ScopedPartition partition("mxdead");
+  const pid_t owner = SpawnHolder([] {
     NamedMutexHandle mine = CreateNamedMutex(L"Global\\MUTEX_DATASWAP");
-    if (mine == nullptr) return 1;
-    if (WaitForNamedMutex(mine, 0) != kWaitTimeout) return 2;
-    ready.Signal();
-    if (WaitForNamedMutex(mine, 3000) != kWaitObject0) return 3;
-    return ReleaseNamedMutex(mine) ? 0 : 4;
+    return mine != nullptr && WaitForNamedMutex(mine, 0) == kWaitObject0;
   });
-  ASSERT_EQ(ready.Wait(3000), 'r');
-  EXPECT_TRUE(ReleaseNamedMutex(mutex));
-  EXPECT_TRUE(WaitChild(child, 5000).Exited(0));
-  EXPECT_EQ(WaitForNamedMutex(mutex, 0), kWaitObject0) << "released by the child";
-  EXPECT_TRUE(ReleaseNamedMutex(mutex));
+  ASSERT_GT(owner, 0);
+  NamedMutexHandle mutex = OpenNamedMutex(L"Global\\MUTEX_DATASWAP");
+  ASSERT_NE(mutex, nullptr);
+  EXPECT_EQ(WaitForNamedMutex(mutex, 20), kWaitTimeout) << "held by the living child";
+  kill(owner, SIGKILL);
+  EXPECT_TRUE(Killed(WaitChild(owner, 3000), SIGKILL));
+  EXPECT_EQ(WaitForNamedMutex(mutex, 1000), kWaitAbandoned);
+  EXPECT_TRUE(ReleaseNamedMutex(mutex)) << "the waiter owns it";
+  std::thread([&] {
+    EXPECT_EQ(WaitForNamedMutex(mutex, 0), kWaitObject0) << "recovered, not left unusable";
+    EXPECT_TRUE(ReleaseNamedMutex(mutex));
+  }).join();
 }
 
 // Slow: the bounded wait for a creator still at work runs out twice (about 2 s).
 TEST(NamedMutexSlow, HalfMadeObjectOfADeadCreatorIsMadeAnew) {
   ScopedPartition partition("mxhalf");
   // What a creator leaves when it dies between creating the object and setting it up.
-  const std::string path = partition.ShmPath("Global_MUTEX_CONNECT");
-  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL, 0666);
+  const int fd = open(partition.ShmPath("Global_MUTEX_CONNECT").c_str(), O_RDWR | O_CREAT | O_EXCL, 0666);
   ASSERT_GE(fd, 0);
   close(fd);
   EXPECT_EQ(OpenNamedMutex(L"Global\\MUTEX_CONNECT"), nullptr) << "opening alone does not repair";

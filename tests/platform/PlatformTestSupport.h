@@ -1,113 +1,119 @@
 // Helpers for the platform tests: a partition of its own per test (so tests
-// run in parallel), child processes under a watchdog (a hang fails the test,
-// not the run), and a pipe to tell the parent that a child is ready.
+// run in parallel), children under a watchdog (a hang fails the test, not the
+// run), and a controller with a client's view of it.
 #pragma once
 
 #include <dirent.h>
+#include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <functional>
 #include <string>
 #include <thread>
 
+#include "RtosHost.h"
+#include "RtosLib64.h"
+
 namespace platformtest {
 
-// Sets VARLOK_PARTITION to a name unique to this process and test, and
-// removes every object of that partition afterwards.
-class ScopedPartition {
- public:
-  explicit ScopedPartition(const std::string& tag) {
+// Sets VARLOK_PARTITION to a name unique to this process and test; removes
+// every object of that partition afterwards.
+struct ScopedPartition {
+  explicit ScopedPartition(const std::string& tag) : name("qvt" + std::to_string(getpid()) + "_" + tag) {
     static std::atomic<int> serial{0};
-    m_name = "qvt" + std::to_string(getpid()) + "_" + tag + "_" + std::to_string(++serial);
-    setenv("VARLOK_PARTITION", m_name.c_str(), 1);
+    name += "_" + std::to_string(++serial);
+    setenv("VARLOK_PARTITION", name.c_str(), 1);
   }
   ~ScopedPartition() {
-    RemoveObjects();
+    RemoveObjectsOf(name);
     unsetenv("VARLOK_PARTITION");
   }
-  const std::string& Name() const { return m_name; }
-  std::string ShmPath(const std::string& object) const { return "/dev/shm/" + m_name + "." + object; }
-  void RemoveObjects() const { RemoveObjectsOf(m_name); }
+  std::string ShmPath(const std::string& object) const { return "/dev/shm/" + name + "." + object; }
   static void RemoveObjectsOf(const std::string& partition) {
     DIR* dir = opendir("/dev/shm");
-    if (dir == nullptr) return;
-    const std::string prefix = partition + ".";
-    while (dirent* entry = readdir(dir)) {
-      const std::string file = entry->d_name;
-      if (file.compare(0, prefix.size(), prefix) == 0) unlink(("/dev/shm/" + file).c_str());
-    }
-    closedir(dir);
+    while (dirent* entry = dir != nullptr ? readdir(dir) : nullptr)
+      if (std::string(entry->d_name).rfind(partition + ".", 0) == 0) unlinkat(dirfd(dir), entry->d_name, 0);
+    if (dir != nullptr) closedir(dir);
   }
-
- private:
-  std::string m_name;
+  std::string name;
 };
 
-struct ChildResult {
-  bool finished = false;  // false: the watchdog killed it
+// The watchdog: waits for a child at most limitMs, then kills it and gives -1.
+inline int WaitChild(pid_t pid, int limitMs) {
   int status = 0;
-  bool Exited(int code) const { return finished && WIFEXITED(status) && WEXITSTATUS(status) == code; }
-  bool Signalled(int signal) const { return finished && WIFSIGNALED(status) && WTERMSIG(status) == signal; }
-};
-
-// Waits for a child at most limitMs, then kills it.
-inline ChildResult WaitChild(pid_t pid, int limitMs) {
-  ChildResult result;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (waitpid(pid, &result.status, WNOHANG) == pid) {
-      result.finished = true;
-      return result;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
+  for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
+       std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(std::chrono::milliseconds(1)))
+    if (waitpid(pid, &status, WNOHANG) == pid) return status;
   kill(pid, SIGKILL);
-  waitpid(pid, &result.status, 0);
-  return result;
+  waitpid(pid, &status, 0);
+  return -1;
 }
+inline bool Exited(int status, int code) { return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == code; }
+inline bool Killed(int status, int signal) { return status != -1 && WIFSIGNALED(status) && WTERMSIG(status) == signal; }
 
-// Runs body in a forked child whose exit code is body's result. The child
-// never returns into the test framework.
-inline pid_t Spawn(const std::function<int()>& body) {
+// Runs body in a forked child that never returns into the test framework.
+template <typename F>
+pid_t Spawn(F body) {
   const pid_t pid = fork();
   if (pid == 0) _exit(body());
   return pid;
 }
 
-// One-shot readiness signal from a child to the parent.
-class ReadyPipe {
- public:
-  ReadyPipe() {
-    if (pipe(m_fds) != 0) m_fds[0] = m_fds[1] = -1;
-  }
-  ~ReadyPipe() {
-    for (int fd : m_fds)
-      if (fd >= 0) close(fd);
-  }
-  void Signal(char value = 'r') const { (void)!write(m_fds[1], &value, 1); }
-  // The byte the child sent, or 0 when none came within limitMs.
-  char Wait(int limitMs) const {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
-    while (std::chrono::steady_clock::now() < deadline) {
-      fd_set set;
-      FD_ZERO(&set);
-      FD_SET(m_fds[0], &set);
-      timeval tick{0, 10000};
-      if (select(m_fds[0] + 1, &set, nullptr, nullptr, &tick) == 1) {
-        char value = 0;
-        return read(m_fds[0], &value, 1) == 1 ? value : 0;
-      }
-    }
-    return 0;
-  }
+// A child that acquires something with setUp (a controller, a held mutex),
+// says so through a pipe and holds it until SIGKILL, or until SIGUSR1 ends it
+// cleanly. Its pid, or -1 when it was not ready within three seconds.
+template <typename F>
+pid_t SpawnHolder(F setUp) {
+  int fds[2];
+  if (pipe(fds) != 0) return -1;
+  const pid_t pid = Spawn([&] {
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &stop, nullptr);  // before setUp starts threads
+    auto held = setUp();
+    int signal = 0;
+    return !held || write(fds[1], "r", 1) != 1 || sigwait(&stop, &signal) != 0;
+  });
+  close(fds[1]);  // a child that dies unready hangs the pipe up
+  pollfd ready{fds[0], POLLIN, 0};
+  const bool ok = poll(&ready, 1, 3000) == 1 && (ready.revents & POLLIN) != 0;
+  close(fds[0]);
+  if (ok) return pid;
+  WaitChild(pid, 0);
+  return -1;
+}
 
- private:
-  int m_fds[2];
-};
+// A controller with small areas (512, 4096, 8192 bytes) in the current partition.
+inline std::unique_ptr<qorvarlok::rtos::RtosHost> StartHost(qorvarlok::rtos::RtosHostStatus* status = nullptr) {
+  qorvarlok::rtos::RtosHostOptions options;
+  options.notifyAreaSize = 4096;
+  options.dataSwapAreaSize = 8192;
+  options.claimTimeoutMs = 50;
+  return qorvarlok::rtos::RtosHost::Create(options, status);
+}
+
+inline RTOS_EVENT OpenEvent(const char* name) {
+  RTOS_EVENT event = nullptr;
+  EXPECT_EQ(RtosOpenEvent(0, 0, name, &event), 0u) << name;
+  return event;
+}
+
+// Maps an area with the client's fixed length, as a client does; null on failure.
+inline uint8_t* MapArea(const wchar_t* name, uint32_t* size = nullptr) {
+  uint32_t id = 0, reserved = 77;
+  void* address = nullptr;
+  if (RtosQueryShmId(name, 4, &id) != 0 || (size != nullptr && RtosQueryShmSize(id, size) != 0) ||
+      RtosMapShm(id, 0, 0x500000, &reserved, &address) != 0 || reserved != 0)
+    return nullptr;
+  return static_cast<uint8_t*>(address);
+}
 
 }  // namespace platformtest
