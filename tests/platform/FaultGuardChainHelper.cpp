@@ -11,7 +11,6 @@
 
 #include "FaultGuard.h"
 #include "RtosHost.h"
-#include "RtosLib64.h"
 
 int main(int argc, char** argv) {
   if (argc != 3) return 1;
@@ -27,14 +26,9 @@ int main(int argc, char** argv) {
   qorvarlok::rtos::RtosHostOptions options;
   options.dataSwapAreaSize = 4096;
   auto host = qorvarlok::rtos::RtosHost::Create(options, nullptr);
-  uint32_t id = 0;
-  void* address = nullptr;
-  if (host == nullptr || RtosQueryShmId(L"DataSwapArea", 4, &id) != 0 ||
-      RtosMapShm(id, 0, 4096, nullptr, &address) != 0 || !host->TruncateAreas())
-    return 1;
-  auto* slot = static_cast<volatile uint8_t*>(address);
+  if (host == nullptr || !host->TruncateAreas()) return 1;
+  volatile uint8_t* slot = host->Area(qorvarlok::rtos::Channel::DataSwap);  // a mapping like a client's
   if (qorvarlok::platform::RunFaultGuarded([&] { slot[0] = 1; })) return 2;
-  host.reset();  // its objects go; the mapping and its fault stay
   slot[0] = 1;
   return 3;
 }

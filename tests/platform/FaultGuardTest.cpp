@@ -1,6 +1,5 @@
-// The fault guard against a vanished mapping (a controller that truncated its
-// areas) and a read-only page, in this executable and inside a shared
-// library, and its chaining to the handlers installed before it.
+// The fault guard against a truncated area and a read-only page, here and in a
+// shared library, and its chaining to the handlers installed before it.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
@@ -20,10 +19,7 @@ TEST(FaultGuard, GuardedFaultsBecomeResultsAndTheProcessLivesOn) {
   uint8_t* slot = MapArea(L"DataSwapArea");
   void* readOnly = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   ASSERT_TRUE(host != nullptr && slot != nullptr && readOnly != MAP_FAILED);
-  const struct {
-    const char* where;
-    bool (*clear)(void*, size_t);
-  } writers[] = {
+  const struct { const char* where; bool (*clear)(void*, size_t); } writers[] = {
       {"executable", [](void* p, size_t n) { return RunFaultGuarded([&] { std::memset(p, 0, n); }); }},
       {"shared library at -O2", [](void* p, size_t n) { return ProbeGuardedClear(p, n) == 1; }},
   };
@@ -51,11 +47,9 @@ TEST(FaultGuard, FaultsOutsideAGuardGoToThePreviousHandler) {
   ScopedPartition partition("chain");
   for (const char* before : {"own", "default"}) {
     const std::string name = partition.name + before;
-    const pid_t child = fork();
-    if (child == 0) {
-      execl(FAULT_GUARD_CHAIN_HELPER, FAULT_GUARD_CHAIN_HELPER, before, name.c_str(), nullptr);
-      _exit(127);
-    }
+    const pid_t child = Spawn([&] {
+      return execl(FAULT_GUARD_CHAIN_HELPER, FAULT_GUARD_CHAIN_HELPER, before, name.c_str(), nullptr) + 128;
+    });
     const int status = WaitChild(child, 5000);
     EXPECT_TRUE(std::strcmp(before, "own") == 0 ? Exited(status, 42) : Killed(status, SIGBUS)) << before << status;
     ScopedPartition::RemoveObjectsOf(name);

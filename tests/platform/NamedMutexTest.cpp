@@ -15,11 +15,7 @@ using namespace platformtest;
 TEST(NamedMutex, ResultsRecursionAndReleaseByTheOwnerOnly) {
   ScopedPartition partition("mxcodes");
   const wchar_t* name = L"Global\\MUTEX_CONNECT";
-  const struct {
-    const char* what;
-    bool (*failed)();
-    uint32_t lastError;
-  } cases[] = {
+  const struct { const char* what; bool (*failed)(); uint32_t lastError; } cases[] = {
       {"open before anyone created it", [] { return OpenNamedMutex(L"Global\\MUTEX_CONNECT") == nullptr; }, 2},
       {"null name", [] { return CreateNamedMutex(nullptr) == nullptr; }, 123},
       {"empty name", [] { return CreateNamedMutex(L"") == nullptr; }, 123},
@@ -32,7 +28,6 @@ TEST(NamedMutex, ResultsRecursionAndReleaseByTheOwnerOnly) {
     EXPECT_TRUE(c.failed()) << c.what;
     EXPECT_EQ(NamedMutexLastError(), c.lastError) << c.what;
   }
-
   const mode_t old = umask(077);
   NamedMutexHandle mutex = CreateNamedMutex(name);
   umask(old);
@@ -42,7 +37,6 @@ TEST(NamedMutex, ResultsRecursionAndReleaseByTheOwnerOnly) {
   struct stat info {};
   ASSERT_EQ(stat(partition.ShmPath("Global_MUTEX_CONNECT").c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0666u) << "any user may open it, whatever the umask";
-
   // Recursive: each wait needs its release; one release too many is refused.
   EXPECT_EQ(WaitForNamedMutex(mutex, 0), kWaitObject0);
   EXPECT_EQ(WaitForNamedMutex(mutex, 3000), kWaitObject0);
@@ -87,9 +81,7 @@ TEST(NamedMutex, KilledOwnerLeavesItAbandonedAndTheWaiterOwnsIt) {
 TEST(NamedMutexSlow, HalfMadeObjectOfADeadCreatorIsMadeAnew) {
   ScopedPartition partition("mxhalf");
   // What a creator leaves when it dies between creating the object and setting it up.
-  const int fd = open(partition.ShmPath("Global_MUTEX_CONNECT").c_str(), O_RDWR | O_CREAT | O_EXCL, 0666);
-  ASSERT_GE(fd, 0);
-  close(fd);
+  ASSERT_EQ(close(open(partition.ShmPath("Global_MUTEX_CONNECT").c_str(), O_RDWR | O_CREAT | O_EXCL, 0666)), 0);
   EXPECT_EQ(OpenNamedMutex(L"Global\\MUTEX_CONNECT"), nullptr) << "opening alone does not repair";
   EXPECT_EQ(NamedMutexLastError(), 1359u);
   NamedMutexHandle mutex = CreateNamedMutex(L"Global\\MUTEX_CONNECT");

@@ -45,11 +45,10 @@ struct ScopedPartition {
   std::string name;
 };
 
-// The watchdog: waits for a child at most limitMs, then kills it and gives -1.
+// The watchdog: waits for a child about limitMs at most, then kills it and gives -1.
 inline int WaitChild(pid_t pid, int limitMs) {
   int status = 0;
-  for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
-       std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(std::chrono::milliseconds(1)))
+  for (int ms = 0; ms < limitMs; ++ms, std::this_thread::sleep_for(std::chrono::milliseconds(1)))
     if (waitpid(pid, &status, WNOHANG) == pid) return status;
   kill(pid, SIGKILL);
   waitpid(pid, &status, 0);
@@ -66,9 +65,8 @@ pid_t Spawn(F body) {
   return pid;
 }
 
-// A child that acquires something with setUp (a controller, a held mutex),
-// says so through a pipe and holds it until SIGKILL, or until SIGUSR1 ends it
-// cleanly. Its pid, or -1 when it was not ready within three seconds.
+// A child that acquires something with setUp (a controller, a held mutex) and
+// holds it until SIGKILL, or SIGUSR1 for a clean end. -1 if not ready in 3 s.
 template <typename F>
 pid_t SpawnHolder(F setUp) {
   int fds[2];
@@ -106,7 +104,7 @@ inline RTOS_EVENT OpenEvent(const char* name) {
   return event;
 }
 
-// Maps an area with the client's fixed length, as a client does; null on failure.
+// Maps an area with the client's fixed length; null on failure.
 inline uint8_t* MapArea(const wchar_t* name, uint32_t* size = nullptr) {
   uint32_t id = 0, reserved = 77;
   void* address = nullptr;
