@@ -164,6 +164,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "varlok-sim: %s\n%s", problem.c_str(), kUsage);
     return kExitUsage;
   }
+  // A script that stopped reading stdout or the ready pipe must not end the controller.
+  signal(SIGPIPE, SIG_IGN);
   SetUpLogging(options.logLevel);
   std::unique_ptr<ProcessImage> image = LoadImage(options.symbols);
   if (!image) return kExitSymbols;
@@ -185,9 +187,9 @@ int main(int argc, char** argv) {
   if (options.demo) demo = std::make_unique<DemoTask>(controller->Handler(), options.demoCycleMs);
   AnnounceReady(options.readyFd);
 
-  int signal = 0;
-  sigwait(&stopSignals, &signal);
-  VLOG(info, "varlok-sim", "stopping on signal {}", signal);
+  int stopSignal = 0;
+  sigwait(&stopSignals, &stopSignal);
+  VLOG(info, "varlok-sim", "stopping on signal {}", stopSignal);
   demo.reset();
   controller.reset();
   spdlog::shutdown();
