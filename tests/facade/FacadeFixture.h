@@ -24,9 +24,10 @@ struct SymbolFile {
 <Symbolconfiguration><Header><Version>1.0.0.0</Version>
 <SymbolConfigObject compiler="1.2.3.4" runtimeid="1.2.3.4" profile="standard"/><ProjectInfo name="Demo"/></Header>
 <TypeList><TypeSimple name="T_DINT" size="4" iecname="DINT" typeclass="DInt"/>
-<TypeSimple name="T_STR" size="81" iecname="STRING" typeclass="String"/></TypeList><NodeList><Node name="App">
-<Node name="GVL"><Node name="speed" type="T_DINT" access="ReadWrite"/><Node name="count" type="T_DINT" access="ReadWrite"/>
-<Node name="label" type="T_STR" access="ReadWrite"/></Node></Node></NodeList></Symbolconfiguration>)";
+<TypeSimple name="T_STR" size="81" iecname="STRING" typeclass="String"/></TypeList><NodeList>
+<Node name="App"><Node name="GVL"><Node name="speed" type="T_DINT" access="ReadWrite"/>
+<Node name="count" type="T_DINT" access="ReadWrite"/><Node name="label" type="T_STR" access="ReadWrite"/>
+</Node></Node></NodeList></Symbolconfiguration>)";
   }
   ~SymbolFile() { std::remove(path.c_str()), rmdir(path.substr(0, path.rfind('/')).c_str()); }
   std::wstring WidePath() const { return std::wstring(path.begin(), path.end()); }
@@ -39,28 +40,22 @@ class FacadeFixture : public ::testing::Test {
   void SetUp() override {
     log.Clear();
     qorvarlok::facade::SetVarlokFactoryForTests([this](ComType) {
-      auto fake = std::make_shared<FakeVarlok>();
-      fake->codes = nextCodes;
-      m_made.push_back(fake);
-      return fake;
+      m_made.push_back(std::make_shared<FakeVarlok>());
+      m_made.back()->codes = nextCodes;
+      return m_made.back();
     });
   }
   void TearDown() override { qorvarlok::facade::SetVarlokFactoryForTests(nullptr); }
-
   // The i-th fake made (objects are initialised from the test's thread only); by default the latest.
   std::shared_ptr<FakeVarlok> Fake(int i = -1) { return m_made.at(i < 0 ? m_made.size() - 1 : size_t(i)); }
   size_t MadeCount() const { return m_made.size(); }
   void Connect(ZelVarlok& varlok) {
-    EXPECT_EQ(0u, varlok.InitializeCom(COM_TYPE_LOCAL, file.path.c_str()));
-    unsigned int error = 1;
-    EXPECT_NE(nullptr, varlok.ConnectToPlcDevice("Local", error));
-    EXPECT_EQ(0u, error);
+    unsigned int error = varlok.InitializeCom(COM_TYPE_LOCAL, file.path.c_str()) + 1;
+    EXPECT_TRUE(varlok.ConnectToPlcDevice("Local", error) != nullptr && error == 0) << error;
   }
-  HTAGLIST Create(ZelVarlok& varlok) {
-    unsigned int error = 1;
-    HTAGLIST handle = varlok.CreateTagsHandleAnsi(std::string("App.GVL.speed"), error);
-    EXPECT_EQ(0u, error);
-    return handle;
+  HTAGLIST Create(ZelVarlok& varlok) {  // a list of one DINT; a failure shows in every step that uses it
+    unsigned int error = 0;
+    return varlok.CreateTagsHandleAnsi(std::string("App.GVL.speed"), error);
   }
 
   CaptureSink& log = Log();
@@ -72,8 +67,7 @@ class FacadeFixture : public ::testing::Test {
 // The text of a printf-style line that carries one pointer.
 inline std::string Printf(const char* format, const void* p) {
   char buffer[512] = {0};
-  std::snprintf(buffer, sizeof(buffer), format, p);
-  return buffer;
+  return std::snprintf(buffer, sizeof(buffer), format, p), buffer;
 }
 
 }  // namespace qvtest

@@ -1,6 +1,5 @@
-// Many threads driving several objects at once: every backend call runs alone (the
-// process-wide lock), typed values collected meanwhile are not lost, nothing races.
-// Meant to run under ThreadSanitizer.
+// Many threads driving several objects at once: every backend call runs alone (the process-wide
+// lock), typed values collected meanwhile are not lost, nothing races. Meant for ThreadSanitizer.
 #include <thread>
 
 #include "FacadeFixture.h"
@@ -24,9 +23,9 @@ TEST_F(FacadeFixture, OperationsOfAllObjectsRunOneAtATime) {
     threads.emplace_back([&, t] {
       ZelVarlok& varlok = objects[t % kObjects];
       HTAGLIST handle = handles[t % kObjects], foreign = handles[(t + 1) % kObjects];
+      std::vector<tagTagVarValue> values;
+      unsigned int count = 0, error = 0;
       for (size_t r = 0; r < kRounds; ++r) {
-        std::vector<tagTagVarValue> values;
-        unsigned int count = 0, error = 0;
         int32_t number = 0;
         std::string text;
         failures += varlok.ReadTagList(handle, values, count) != 0;
@@ -35,17 +34,15 @@ TEST_F(FacadeFixture, OperationsOfAllObjectsRunOneAtATime) {
         failures += varlok.ReadTagList(foreign, values, count) != ERR_INVALID_TAG_HANDLE;
         HTAGLIST extra = varlok.CreateTagsHandleAnsi(std::string("App.GVL.count"), error);
         failures += varlok.GetTagsListLength(extra) != 1 || varlok.DeleteTagsHandle(extra) != 0;
-        failures += varlok.GetTagDescByName("App.GVL.count") == nullptr;
       }
     });
   }
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(0, failures.load());
   EXPECT_FALSE(FakeVarlok::overlapped.load());
-  for (size_t i = 0; i < kObjects; ++i) {
-    EXPECT_EQ(kThreadsPerObject * kRounds, Fake(int(i))->CountOf("ReadTagValue"));
-    EXPECT_EQ(kThreadsPerObject * kRounds, Fake(int(i))->CountOf("WriteTagValue"));
-    EXPECT_EQ(0u, objects[i].ExitVarlokCommunication());
+  for (int i = 0; i < int(kObjects); ++i) {
+    EXPECT_EQ(kThreadsPerObject * kRounds, Fake(i)->CountOf("ReadTagValue"));
+    EXPECT_EQ(kThreadsPerObject * kRounds, Fake(i)->CountOf("WriteTagValue"));
   }
 }
 

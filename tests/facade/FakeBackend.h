@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <map>
 #include <stdexcept>
@@ -17,31 +16,27 @@ namespace qvtest {
 class FakeVarlok : public ZelmonteVarlok::Varlok {
  public:
   enum class Fault { None, StdException, Other };
-  // Set before the facade calls in; read under the record lock.
-  std::map<std::string, unsigned int> codes;
+  std::map<std::string, unsigned int> codes;  // set before the facade calls in; read under the record lock
   std::map<std::string, Fault> faults;
   std::chrono::microseconds dwell{0};  // widens the window for overlapping calls
   // What the typed calls handed over: strings as text, anything else as its bytes.
   std::vector<int> types, lengths;
   std::vector<std::string> written;
-  // Set when two backend calls, of any fake in the process, ever overlap.
-  static inline std::atomic<bool> overlapped{false};
+  static inline std::atomic<bool> overlapped{false};  // two calls of any fakes ever overlapped
 
   size_t CountOf(const std::string& call) {
     std::lock_guard<std::mutex> lock(m_record);
     return size_t(std::count(m_calls.begin(), m_calls.end(), call));
   }
-
   unsigned int InitializeCom() override { return Step("InitializeCom"); }
   unsigned int ExitVarlokCommunication() override { return Step("ExitVarlokCommunication"); }
   void* ConnectToPlcDevice(const std::string& address, unsigned int& err) override {
     err = Step("ConnectToPlcDevice", " " + address);
-    return m_device = err == 0 ? &m_token : nullptr;
+    return m_device = err == 0 ? this : nullptr;
   }
   unsigned int DisconnectFromPlcDevice(void*) override {
     const unsigned int code = Step("DisconnectFromPlcDevice");
-    if (code == 0) m_device = nullptr;
-    return code;
+    return m_device = code == 0 ? nullptr : m_device.load(), code;
   }
   void* CreateTagsHandle(const std::vector<std::string>& names, unsigned int period, unsigned int& err) override {
     if ((err = Step("CreateTagsHandle", period == 100 ? "" : " bad period")) != 0) return nullptr;
@@ -51,14 +46,13 @@ class FakeVarlok : public ZelmonteVarlok::Varlok {
     list->handle = ++m_lists;
     return &list->handle;
   }
-  void* CreateTagsHandle(const std::string& name, unsigned int period, unsigned int& err) override {
-    return CreateTagsHandle(std::vector<std::string>{name}, period, err);
+  void* CreateTagsHandle(const std::string& name, unsigned int period, unsigned int& e) override {
+    return CreateTagsHandle(std::vector<std::string>{name}, period, e);
   }
   unsigned int DeleteTagsHandle(void*& handle) override {
     const unsigned int code = Step("DeleteTagsHandle");
     std::lock_guard<std::mutex> lock(m_mutex);
-    GetTagManager()->deleteFromList(handle);
-    return code;
+    return GetTagManager()->deleteFromList(handle), code;
   }
   void SetPlcDevice(void* device) override { m_device = device; }
   void* GetPlcDevice() override { return m_device; }
@@ -69,7 +63,6 @@ class FakeVarlok : public ZelmonteVarlok::Varlok {
   unsigned int ReadArray(void*, void*, int, unsigned int, unsigned int) override { return Step("ReadArray"); }
   unsigned int WriteArray(void*, void*, int, unsigned int, unsigned int) override { return Step("WriteArray"); }
   unsigned int WriteStructField(void*, const void*, int*) override { return Step("WriteStructField"); }
-  // Answers from a buffer of its own, bytes 01 02 03 04.
   unsigned int ReadStructField(void*, void** data, int* length) override {
     const unsigned int code = Step("ReadStructField");
     if (code == 0) *data = m_struct, *length = sizeof(m_struct);
@@ -114,9 +107,8 @@ class FakeVarlok : public ZelmonteVarlok::Varlok {
   std::mutex m_record;
   std::vector<std::string> m_calls;
   std::atomic<void*> m_device{nullptr};
-  int m_token = 0;
   int32_t m_lists = 0;
-  unsigned char m_struct[4] = {1, 2, 3, 4};
+  unsigned char m_struct[4] = {1, 2, 3, 4};  // what a struct read answers
 };
 
 }  // namespace qvtest
