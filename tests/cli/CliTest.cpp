@@ -349,4 +349,105 @@ TEST_F(Cli, LogsUnderTheCurrentDirectory) {
   EXPECT_EQ(::access(path("varloklogs/varlok/Varlok.log").c_str(), F_OK), 0);
 }
 
+TEST_F(Cli, NoControllerOnThePartition) {
+  const Result r = run({"read", "--symbols", DEMO_XML, "--partition", "varlok-cli-nobody", "App.Types.vDInt"});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, "varlok read: InitializeCom: 0x10000109 \xE6\x9C\xAA\xE5\xAE\x9A\xE4\xB9\x89\xE9\x94\x99\xE8\xAF\xAF"
+                   "\xE7\xA0\x81(ID:10000109)\n");
+}
+
+#ifdef VARLOK_SIM_EXE
+// A simulated controller on a partition of its own, stopped by its pid.
+class LiveCli : public Cli {
+ protected:
+  void SetUp() override {
+    Cli::SetUp();
+    m_partition = "varlok-cli-" + std::to_string(::getpid());
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    m_sim = ::fork();
+    if (m_sim == 0) {
+      ::close(fds[0]);
+      const std::string fd = std::to_string(fds[1]);
+      ::execl(VARLOK_SIM_EXE, VARLOK_SIM_EXE, "--symbols", DEMO_XML, "--partition", m_partition.c_str(), "--ready-fd",
+              fd.c_str(), "--log-level", "warn", static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
+    ::close(fds[1]);
+    char ready[8] = {0};
+    const bool served = ::read(fds[0], ready, sizeof(ready) - 1) > 0;  // closed without a word if it failed
+    ::close(fds[0]);
+    ASSERT_TRUE(served) << "varlok-sim did not start";
+  }
+  void TearDown() override {
+    if (m_sim > 0) {
+      ::kill(m_sim, SIGTERM);
+      ::waitpid(m_sim, nullptr, 0);
+    }
+    Cli::TearDown();
+  }
+  Result live(const char* command, std::vector<std::string> words) const {
+    words.insert(words.begin(), {command, "--symbols", DEMO_XML, "--partition", m_partition});
+    return run(words);
+  }
+
+  std::string m_partition;
+  pid_t m_sim = -1;
+};
+
+TEST_F(LiveCli, WriteThenReadBackDecodedByType) {
+  const Result w = live("write", {"App.Types.vDInt=-42", "App.Types.vReal=1.5", "App.Types.vLInt=-5000000000",
+                                  "App.GVL.message=hello", "App.Types.vWord=65535"});
+  ASSERT_EQ(w.exitCode, 0) << w.err;
+  EXPECT_EQ(w.out, "");
+  const Result r = live("read", {"App.Types.vDInt", "App.Types.vReal", "App.Types.vLInt", "App.GVL.message",
+                                 "App.Types.vWord"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "App.Types.vDInt = -42\nApp.Types.vReal = 1.5\nApp.Types.vLInt = -5000000000\n"
+            "App.GVL.message = 'hello'\nApp.Types.vWord = 65535\n");
+}
+
+TEST_F(LiveCli, WholeArraysAndStructuresMoveAsBytes) {
+  const Result w = live("write", {"App.GVL.counters=0x0100000002000000030000000400000005000000"
+                                  "06000000070000000800000009000000ffffffff"});
+  ASSERT_EQ(w.exitCode, 0) << w.err;
+  const Result r = live("read", {"App.GVL.counters"});
+  EXPECT_EQ(r.out, "App.GVL.counters = [1, 2, 3, 4, 5, 6, 7, 8, 9, -1]\n") << r.err;
+
+  const Result shortWrite = live("write", {"App.GVL.counters=01 00"});
+  EXPECT_EQ(shortWrite.exitCode, 1);
+  EXPECT_EQ(shortWrite.err, "varlok write: App.GVL.counters takes 40 bytes, not 2\n");
+  const Result after = live("read", {"App.GVL.counters"});
+  EXPECT_EQ(after.out, "App.GVL.counters = [1, 2, 3, 4, 5, 6, 7, 8, 9, -1]\n") << "a refused write changed the values";
+}
+
+TEST_F(LiveCli, RefusalsCarryTheCodeAndItsText) {
+  const Result unknown = live("read", {"App.GVL.nothing"});
+  EXPECT_EQ(unknown.exitCode, 1);
+  EXPECT_EQ(unknown.err.rfind("varlok read: CreateTagsHandle: 0x10000501 ", 0), 0u) << unknown.err;
+  const Result structs = live("read", {"App.GVL.grid"});
+  EXPECT_EQ(structs.exitCode, 1);
+  EXPECT_EQ(structs.err, "varlok read: App.GVL.grid: arrays of Structure are not moved whole; name their members\n");
+  const Result pair = live("write", {"App.Types.vDInt"});
+  EXPECT_EQ(pair.exitCode, 2);
+  EXPECT_EQ(pair.err, "varlok write: not TAG=VALUE: 'App.Types.vDInt'\n");
+  const Result noSymbols = run({"read", "App.Types.vDInt"});
+  EXPECT_EQ(noSymbols.exitCode, 2);
+  EXPECT_NE(noSymbols.err.find("usage: varlok read --symbols FILE"), std::string::npos);
+}
+
+TEST_F(LiveCli, WatchRedrawsInPlace) {
+  const Result r = live("watch", {"--interval", "20", "--count", "3", "App.Types.vDInt", "App.GVL.counters"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  // After the first drawing, the cursor goes up over the three lines before each redraw.
+  size_t ups = 0;
+  for (size_t at = r.out.find("\033[3A"); at != std::string::npos; at = r.out.find("\033[3A", at + 1)) ++ups;
+  EXPECT_EQ(ups, 2u) << r.out;
+  EXPECT_NE(r.out.find("\033[KApp.Types.vDInt = "), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\033[Kread #3, round trip "), std::string::npos) << r.out;
+}
+#endif
+
 }  // namespace

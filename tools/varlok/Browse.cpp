@@ -9,6 +9,7 @@
 #include <string>
 
 #include "Commands.h"
+#include "TagTypes.h"
 
 namespace varlok {
 
@@ -21,15 +22,6 @@ struct Level {
   tagTagDesc* descs = nullptr;
   unsigned int count = 0;
 };
-
-const char* typeName(int code) {
-  static const char* const kNames[] = {
-      "Bool",  "Byte",      "Word",      "DWord",         "LWord",  "SInt",   "Int",       "DInt",     "LInt",
-      "Subrange", "Real",   "LReal",     "Enum",          "Union",  "Array",  "Structure", "FunctionBlock",
-      "String", "WString",  "Time",      "Date",          "TimeOfDay", "DateAndTime", "Pointer", "Reference", "Bit"};
-  if (code >= 0 && code < static_cast<int>(sizeof(kNames) / sizeof(kNames[0]))) return kNames[code];
-  return "?";
-}
 
 const char* accessName(int access) {
   switch (access) {

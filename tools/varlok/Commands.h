@@ -16,6 +16,9 @@ using Args = std::vector<std::string>;
 
 int runBrowse(const Args& args);
 int runDescribe(const Args& args);
+int runRead(const Args& args);
+int runWrite(const Args& args);
+int runWatch(const Args& args);
 
 // "0x10000403 <text in UTF-8>", the form every command uses for a failure code.
 // *described is false when the library had no text for it.

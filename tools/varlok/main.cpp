@@ -1,4 +1,5 @@
-// varlok: browse a controller's symbol file and explain the library's codes.
+// varlok: browse a controller's symbol file, explain the library's codes, and
+// read, write and watch the tags of a running controller.
 #include <QorVarlok/ZelVarlok.h>
 
 #include <clocale>
@@ -17,6 +18,12 @@ void printUsage(std::FILE* out) {
                "                              per step, each tag with type, size and access;\n"
                "                              TAG starts below that tag; --flat prints full names\n"
                "  describe CODE...            the text of an error code (hex 0x... or decimal)\n"
+               "\n"
+               "  against a running controller on this machine (--partition selects one):\n"
+               "  read  --symbols FILE TAG...          one read of the tags, values decoded by type\n"
+               "  write --symbols FILE TAG=VALUE...    text values; a whole array or structure alone, as hex\n"
+               "  watch --symbols FILE [--interval MS] [--count N] TAG...\n"
+               "                              reads again and again, redrawn in place, until interrupted\n"
                "  version                     the library's version\n");
 }
 
@@ -33,6 +40,9 @@ int main(int argc, char** argv) {
   const varlok::Args args(argv + 2, argv + argc);
   if (command == "browse") return varlok::runBrowse(args);
   if (command == "describe") return varlok::runDescribe(args);
+  if (command == "read") return varlok::runRead(args);
+  if (command == "write") return varlok::runWrite(args);
+  if (command == "watch") return varlok::runWatch(args);
   if (command == "version" || command == "--version") {
     std::printf("%s\n", GetVarlokVersionInfo());
     return varlok::kExitOk;
