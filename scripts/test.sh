@@ -5,7 +5,9 @@
 #   3. the test programs that carry the ctest label "tsan", alone, under
 #      ThreadSanitizer (skipped when no test has the label).
 # Build directories: build/ci-plain, build/ci-asan, build/ci-tsan.
-# Exits non-zero on the first failure.
+# A build that fails stops the script; failing tests are counted and the run
+# goes on to the next stage, so one run shows every failure. Exits non-zero
+# if anything failed.
 set -euo pipefail
 
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -15,6 +17,8 @@ TEST_TIMEOUT="${QORVARLOK_TEST_TIMEOUT:-300}"
 bash "$ROOT/scripts/install-deps.sh"
 
 step() { printf '\n==== %s\n' "$*"; }
+
+FAILED_STAGES=()
 
 configure() {
   local dir="$1"
@@ -42,7 +46,7 @@ PLAIN="$ROOT/build/ci-plain"
 configure "$PLAIN" -DQORVARLOK_SANITIZE=OFF -DQORVARLOK_TSAN=OFF -DQORVARLOK_BUILD_BENCH=ON
 cmake --build "$PLAIN" -j"$JOBS"
 step "plain tests"
-run_tests "$PLAIN"
+run_tests "$PLAIN" || FAILED_STAGES+=("plain")
 
 step "AddressSanitizer + UndefinedBehaviorSanitizer build"
 ASAN="$ROOT/build/ci-asan"
@@ -51,7 +55,7 @@ cmake --build "$ASAN" -j"$JOBS"
 step "sanitized tests"
 ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}" \
 UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}" \
-  run_tests "$ASAN"
+  run_tests "$ASAN" || FAILED_STAGES+=("asan+ubsan")
 
 mapfile -t TSAN_PROGRAMS < <(programs_with_label "$PLAIN" tsan)
 if [ "${#TSAN_PROGRAMS[@]}" -eq 0 ]; then
@@ -62,7 +66,11 @@ else
   configure "$TSAN" -DQORVARLOK_SANITIZE=OFF -DQORVARLOK_TSAN=ON -DQORVARLOK_BUILD_BENCH=OFF
   cmake --build "$TSAN" -j"$JOBS" --target "${TSAN_PROGRAMS[@]}"
   step "ThreadSanitizer tests"
-  TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1}" run_tests "$TSAN" -L tsan
+  TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1}" run_tests "$TSAN" -L tsan || FAILED_STAGES+=("tsan")
 fi
 
+if [ "${#FAILED_STAGES[@]}" -gt 0 ]; then
+  step "tests failed in: ${FAILED_STAGES[*]}"
+  exit 1
+fi
 step "all test runs passed"
