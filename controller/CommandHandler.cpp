@@ -1,6 +1,9 @@
 #include "CommandHandler.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 
 #include "QorVarlok/ZelVarlok.h"
@@ -23,10 +26,24 @@ void TerminateIfCut(uint8_t* target, uint32_t copied, uint32_t wire, const TypeL
   if (type->shape == Shape::WString && copied >= 2) target[copied - 1] = target[copied - 2] = 0;
 }
 
+// Two instances started one after the other, even in the same process, get
+// unrelated starting points: the clock's nanoseconds and the pid, mixed so
+// that close inputs land far apart.
+uint32_t SeededSequence() {
+  uint64_t x = static_cast<uint64_t>(std::chrono::high_resolution_clock::now().time_since_epoch().count()) ^
+               (static_cast<uint64_t>(getpid()) << 32);
+  x += 0x9E3779B97F4A7C15ull;
+  x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
+  x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
+  x ^= x >> 31;
+  const auto seq = static_cast<uint32_t>(x);
+  return seq == 0 ? 1 : seq;
+}
+
 }  // namespace
 
-CommandHandler::CommandHandler(ProcessImage& image, uint32_t dataSwapAreaSize)
-    : m_image(image), m_dataSwapAreaSize(dataSwapAreaSize) {}
+CommandHandler::CommandHandler(ProcessImage& image, uint32_t dataSwapAreaSize, uint32_t firstSeq)
+    : m_image(image), m_dataSwapAreaSize(dataSwapAreaSize), m_nextSeq(firstSeq != 0 ? firstSeq : SeededSequence()) {}
 
 size_t CommandHandler::ClientCount() {
   auto lock = Lock();
@@ -48,6 +65,7 @@ uint32_t CommandHandler::GrantSequence() {
          kMaxClients);
     m_clients.erase(idle);
   }
+  const uint32_t base = NextHandleBase();
   while (true) {
     const uint32_t seq = m_nextSeq++;
     if (m_nextSeq == 0) m_nextSeq = 1;
@@ -55,9 +73,25 @@ uint32_t CommandHandler::GrantSequence() {
     if (low == 0 || m_clients.count(low) != 0) continue;
     ClientState& client = m_clients[low];
     client.seq = seq;
+    client.handleBase = base;
     client.lastUse = ++m_commands;
     return seq;
   }
+}
+
+// At most 255 clients live among 32767 bases, so a free one is always near.
+uint32_t CommandHandler::NextHandleBase() {
+  while (true) {
+    const uint32_t base = (m_connections++ % kHandleBases + 1) * kHandleRange;
+    if (std::none_of(m_clients.begin(), m_clients.end(),
+                     [base](const auto& c) { return c.second.handleBase == base; }))
+      return base;
+  }
+}
+
+TagList* CommandHandler::FindList(ClientState& client, uint32_t handle) {
+  if (handle <= client.handleBase || handle - client.handleBase > client.lists.size()) return nullptr;
+  return &client.lists[handle - client.handleBase - 1];
 }
 
 void CommandHandler::Connect(uint8_t* area, size_t size, bool setFlag) {
@@ -161,7 +195,7 @@ uint32_t CommandHandler::DefineList(uint8_t* area, size_t size, ClientState& cli
     return kRefuseBadSize;
   }
   client.lists.push_back(std::move(list));
-  handle = static_cast<uint32_t>(client.lists.size());
+  handle = client.handleBase + static_cast<uint32_t>(client.lists.size());
   VLOG(info, "CommandHandler::Define", "define: client seq {} handle {} with {} tags, {} bytes", client.seq, handle,
        count, byteLength);
   return kRefuseNone;
@@ -169,11 +203,11 @@ uint32_t CommandHandler::DefineList(uint8_t* area, size_t size, ClientState& cli
 
 uint32_t CommandHandler::DeleteList(uint8_t* area, ClientState& client) {
   const uint32_t handle = Load<uint32_t>(area, kDefineHandle);
-  if (handle == 0 || handle > client.lists.size()) {
+  if (FindList(client, handle) == nullptr) {
     VLOG(warn, "CommandHandler::Define", "refused delete: client seq {} has no list {}", client.seq, handle);
     return kRefuseStaleHandle;
   }
-  client.lists.erase(client.lists.begin() + (handle - 1));
+  client.lists.erase(client.lists.begin() + (handle - client.handleBase - 1));
   VLOG(info, "CommandHandler::Define", "delete: client seq {} handle {}, {} lists left", client.seq, handle,
        client.lists.size());
   return kRefuseNone;
@@ -190,21 +224,21 @@ void CommandHandler::DataSwap(uint8_t* area, size_t size, bool setFlag) {
   const uint32_t handle = Load<uint32_t>(area, kSwapHandle);
   uint32_t err = kRefuseNone;
   ClientState* client = nullptr;
+  const TagList* list = nullptr;
   if ((rw != kRead && rw != kWrite) || flag != rw) {
     err = kRefuseBadRequest;
     VLOG(warn, "CommandHandler::DataSwap", "refused data swap: Flag {} with Rw {}", flag, rw);
   } else if ((client = FindClient(seq)) == nullptr) {
     err = kRefuseUnknownClient;
     VLOG(warn, "CommandHandler::DataSwap", "refused data swap: client seq byte {} is not connected", seq);
-  } else if (handle == 0 || handle > client->lists.size()) {
+  } else if ((list = FindList(*client, handle)) == nullptr) {
     err = kRefuseStaleHandle;
     VLOG(warn, "CommandHandler::DataSwap", "refused data swap: client seq {} has no list {}", client->seq, handle);
   } else if (count > (size - kSwapEntries) / 4) {
     err = kRefuseBadSize;
     VLOG(warn, "CommandHandler::DataSwap", "refused data swap: Size {} does not fit the area of {} bytes", count, size);
   } else {
-    const TagList& list = client->lists[handle - 1];
-    err = rw == kRead ? ReadValues(area, size, list, count) : WriteValues(area, size, list, count);
+    err = rw == kRead ? ReadValues(area, size, *list, count) : WriteValues(area, size, *list, count);
   }
   Store<uint32_t>(area, kSwapErr, err);
   if (setFlag) PublishFlag<uint8_t>(area, kSwapFlag, static_cast<uint8_t>(kDone));

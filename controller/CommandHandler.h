@@ -5,8 +5,16 @@
 // Client sequence numbers are granted so that their low byte (all that the
 // define and data swap commands carry) is never 0 and never that of another
 // live client; when all 255 are taken the client idle for longest is dropped.
-// Tag list handles count 1..N per client; deleting one closes the gap, later
-// handles move down by one, as the client's chain of lists does.
+// Each controller instance starts granting from its own seeded value, so that
+// a client's handles from before a controller restart never match the new
+// instance's sequence numbers.
+//
+// Tag list handles: each connection gets a range of its own, base+1 ..
+// base+N with base = (connection serial) x 65536, kept below 2^31 and never
+// shared with another live connection. A client keeps the lists of an old
+// connection in its chain and looks handles up first match first, so numbers
+// must not repeat across connections. Deleting a list closes the gap: later
+// handles of that connection move down by one, as the client's chain does.
 //
 // An answer writes every field first and Flag last. Refusals set a non-zero
 // Err (errInfo on the connect channel) from RefusalCode and log one line.
@@ -56,18 +64,22 @@ struct TagList {
 
 struct ClientState {
   uint32_t seq = 0;
-  std::vector<TagList> lists;  // handle h is lists[h - 1]
+  uint32_t handleBase = 0;     // a multiple of kHandleRange
+  std::vector<TagList> lists;  // handle h is lists[h - handleBase - 1]
   uint64_t lastUse = 0;
 };
 
 class CommandHandler {
  public:
   static constexpr size_t kMaxClients = 255;
-  static constexpr size_t kMaxListsPerClient = 65535;
+  static constexpr uint32_t kHandleRange = 65536;
+  static constexpr size_t kMaxListsPerClient = kHandleRange - 1;
+  static constexpr uint32_t kHandleBases = 0x7FFFu;  // bases 1..32767 x 65536: handles stay below 2^31
 
   // dataSwapAreaSize bounds the lists a define accepts: their values must fit
-  // behind the header and entries of a data swap command.
-  CommandHandler(ProcessImage& image, uint32_t dataSwapAreaSize);
+  // behind the header and entries of a data swap command. firstSeq 0 seeds the
+  // first client sequence number from the clock and the process id.
+  CommandHandler(ProcessImage& image, uint32_t dataSwapAreaSize, uint32_t firstSeq = 0);
 
   // Each works on the request in area[0, size) and writes the answer there,
   // Flag last, or not at all when setFlag is false (a fault to inject).
@@ -85,7 +97,9 @@ class CommandHandler {
 
  private:
   uint32_t GrantSequence();
+  uint32_t NextHandleBase();
   ClientState* FindClient(uint8_t seqByte);
+  static TagList* FindList(ClientState& client, uint32_t handle);
   uint32_t DefineList(uint8_t* area, size_t size, ClientState& client, uint32_t& handle);
   uint32_t DeleteList(uint8_t* area, ClientState& client);
   uint32_t ReadValues(uint8_t* area, size_t size, const TagList& list, uint32_t count);
@@ -96,7 +110,8 @@ class CommandHandler {
   uint32_t m_dataSwapAreaSize;
   std::mutex m_mutex;
   std::map<uint8_t, ClientState> m_clients;  // by the low byte of the sequence number
-  uint32_t m_nextSeq = 1;
+  uint32_t m_nextSeq;
+  uint32_t m_connections = 0;  // connects granted so far; picks the handle base
   uint32_t m_beat = 0;
   uint64_t m_commands = 0;
 };

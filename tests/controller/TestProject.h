@@ -1,47 +1,39 @@
-// A small symbol model built in code, and a minimal shared memory client
-// that writes slots directly, for the controller's tests.
+// A small symbol model built in code, and the slot writers of a minimal
+// client, for the controller's tests.
 //
 // Image layout of the project (offsets by the layout rule):
 //   counter DInt 0, sine LReal 8, toggle Bool 16, speed DInt 20,
 //   grid [0..1,1..3] of POINT{x,y DInt} 24 (48), counters [0..9] DInt 72 (40),
 //   names [1..3] String(20) 112 (63), wnames [0..1] WString(5) 176 (24),
-//   a [0..1] of OUTER{flag Bool; b [0..2] of INNER{c Int}} 200 (16),
-//   mix {a Bool; b LReal; c Int; s String(20)} 216 (40), u union{d DInt; b Byte} 256 (4).
+//   mix {a Bool; b LReal; c Int; s String(20)} 200 (40).
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "RtosLib64.h"
-#include "SymbolModel.h"
 #include "SlotFormat.h"
+#include "SymbolModel.h"
 
 namespace ctltest {
 
 using namespace qorvarlok::symbols;
+namespace slot = qorvarlok::controller::slot;
 
 inline TypeBase* Simple(const char* name, int size, int typeClass) {
   auto* t = new TypeSimple();
-  t->name = name;
-  t->size = size;
-  t->typeClass = typeClass;
+  t->name = name, t->size = size, t->typeClass = typeClass;
   return t;
 }
 
-inline TypeBase* Struct(const char* name, int size, int typeClass,
-                        std::vector<std::pair<std::string, std::string>> members, int inOutIndex = -1) {
+inline TypeBase* Struct(const char* name, int size, std::vector<std::pair<std::string, std::string>> members) {
   auto* t = new TypeUserDef();
-  t->name = name;
-  t->size = size;
-  t->typeClass = typeClass;
-  int i = 0;
+  t->name = name, t->size = size, t->typeClass = 15;
   for (auto& [member, type] : members) {
     auto* e = new UserDefElement();
-    e->iecName = member;
-    e->type = type;
-    e->varType = i++ == inOutIndex ? 3 : 0;
+    e->iecName = member, e->type = type;
     t->AppendElement(e);
   }
   return t;
@@ -49,46 +41,33 @@ inline TypeBase* Struct(const char* name, int size, int typeClass,
 
 inline TypeBase* Array(const char* name, int size, const char* base, std::vector<std::pair<int, int>> dims) {
   auto* t = new TypeArray();
-  t->name = name;
-  t->size = size;
-  t->typeClass = 14;
-  t->baseType = base;
+  t->name = name, t->size = size, t->typeClass = 14, t->baseType = base;
   for (auto [lo, hi] : dims) t->AppendRange(new ArrayRange{lo, hi});
   return t;
-}
-
-inline VariableNode* Var(const char* name, const char* type, bool reference = false) {
-  auto* v = new VariableNode();
-  v->name = name;
-  v->type = type;
-  v->access = 2;
-  v->isReference = reference ? 1 : 0;
-  return v;
 }
 
 // extraTypes go into the table too, for layout tests.
 inline std::unique_ptr<SymbolConfiguration> MakeProject(std::vector<TypeBase*> extraTypes = {}) {
   auto* types = new TypeTable();
-  for (TypeBase* t : {Simple("T_BOOL", 1, 0), Simple("T_BYTE", 1, 1), Simple("T_INT", 2, 6), Simple("T_DINT", 4, 7),
-                      Simple("T_LREAL", 8, 11), Simple("T_STR20", 21, 17), Simple("T_WSTR5", 12, 18),
-                      Struct("T_POINT", 8, 15, {{"x", "T_DINT"}, {"y", "T_DINT"}}),
+  for (TypeBase* t : {Simple("T_BOOL", 1, 0), Simple("T_INT", 2, 6), Simple("T_DINT", 4, 7), Simple("T_LREAL", 8, 11),
+                      Simple("T_STR20", 21, 17), Simple("T_WSTR5", 12, 18),
+                      Struct("T_POINT", 8, {{"x", "T_DINT"}, {"y", "T_DINT"}}),
                       Array("T_GRID", 48, "T_POINT", {{0, 1}, {1, 3}}), Array("T_CNT", 40, "T_DINT", {{0, 9}}),
                       Array("T_NAMES", 63, "T_STR20", {{1, 3}}), Array("T_WNAMES", 24, "T_WSTR5", {{0, 1}}),
-                      Struct("T_INNER", 2, 15, {{"c", "T_INT"}}), Array("T_INNERS", 6, "T_INNER", {{0, 2}}),
-                      Struct("T_OUTER", 8, 15, {{"flag", "T_BOOL"}, {"b", "T_INNERS"}}),
-                      Array("T_OUTERS", 16, "T_OUTER", {{0, 1}}),
-                      Struct("T_MIX", 40, 15, {{"a", "T_BOOL"}, {"b", "T_LREAL"}, {"c", "T_INT"}, {"s", "T_STR20"}}),
-                      Struct("T_U", 4, 13, {{"d", "T_DINT"}, {"b", "T_BYTE"}})})
+                      Struct("T_MIX", 40, {{"a", "T_BOOL"}, {"b", "T_LREAL"}, {"c", "T_INT"}, {"s", "T_STR20"}})})
     types->Append(t);
   for (TypeBase* t : extraTypes) types->Append(t);
   types->Sort();
   auto* gvl = new NodeWithChildren();
   gvl->name = "GVL";
-  for (NodeBase* v : {Var("counter", "T_DINT"), Var("sine", "T_LREAL"), Var("toggle", "T_BOOL"), Var("speed", "T_DINT"),
-                      Var("grid", "T_GRID"), Var("counters", "T_CNT"), Var("names", "T_NAMES"),
-                      Var("wnames", "T_WNAMES"), Var("a", "T_OUTERS"), Var("ref", "T_DINT", true),
-                      Var("mix", "T_MIX"), Var("u", "T_U")})
+  const std::pair<const char*, const char*> vars[] = {
+      {"counter", "T_DINT"}, {"sine", "T_LREAL"},  {"toggle", "T_BOOL"},   {"speed", "T_DINT"}, {"grid", "T_GRID"},
+      {"counters", "T_CNT"}, {"names", "T_NAMES"}, {"wnames", "T_WNAMES"}, {"mix", "T_MIX"}};
+  for (auto [name, type] : vars) {
+    auto* v = new VariableNode();
+    v->name = name, v->type = type, v->access = 2;
     gvl->AppendChild(v);
+  }
   auto* app = new NodeWithChildren();
   app->name = "App";
   app->AppendChild(gvl);
@@ -97,21 +76,19 @@ inline std::unique_ptr<SymbolConfiguration> MakeProject(std::vector<TypeBase*> e
   return std::make_unique<SymbolConfiguration>(new SymbolHeader(), types, nodes);
 }
 
-// Little helpers to write a request into a slot and read an answer.
-namespace slot = qorvarlok::controller::slot;
-
 struct DefineEntry {
   std::string name;
   uint32_t size;
 };
 
+// A define (flag 1) or delete (flag 2) request, as the client writes it.
 inline void WriteDefine(uint8_t* area, uint8_t flag, uint8_t seq, const std::vector<DefineEntry>& entries,
                         uint32_t handle = 0) {
   uint32_t total = 0;
   for (size_t i = 0; i < entries.size(); ++i) {
     uint8_t* e = area + slot::kDefineEntries + i * slot::kEntrySize;
-    std::fill(e, e + slot::kEntrySize, 0);
-    std::copy(entries[i].name.begin(), entries[i].name.end(), e);
+    std::memset(e, 0, slot::kEntrySize);
+    std::memcpy(e, entries[i].name.data(), entries[i].name.size());
     slot::Store<uint32_t>(e, slot::kEntrySizeField, entries[i].size);
     total += entries[i].size;
   }
@@ -132,7 +109,7 @@ inline void WriteSwap(uint8_t* area, uint8_t rw, uint8_t seq, uint32_t handle, c
   slot::Store<uint32_t>(area, slot::kSwapSize, static_cast<uint32_t>(entries.size()));
   slot::Store<uint32_t>(area, slot::kSwapHandle, handle);
   for (size_t i = 0; i < entries.size(); ++i) slot::Store<uint32_t>(area, slot::kSwapEntries + 4 * i, entries[i]);
-  std::copy(values.begin(), values.end(), area + slot::kSwapEntries + 4 * entries.size());
+  std::memcpy(area + slot::kSwapEntries + 4 * entries.size(), values.data(), values.size());
 }
 
 inline void WriteConnect(uint8_t* area, uint32_t flag, uint32_t seq) {

@@ -1,5 +1,6 @@
-// varlok-sim as a process: readiness, the demo task, clean stop, refusal of a
-// second controller, recovery after a crash, vanishing, bad arguments.
+// varlok-sim as a process, met through a minimal client on the real events:
+// readiness, every injected fault, clean stop, refusal of a second
+// controller, recovery after kill -9, a fresh sequence after a restart.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -13,6 +14,7 @@
 #include <sstream>
 #include <thread>
 
+#include "CommandHandler.h"
 #include "MiniClient.h"
 #include "TestProject.h"
 
@@ -30,14 +32,6 @@ const char* const kSymbols = R"(<?xml version="1.0" encoding="utf-8"?>
     <TypeSimple name="T_BOOL" size="1" iecname="BOOL" typeclass="Bool"/>
     <TypeSimple name="T_DINT" size="4" iecname="DINT" typeclass="DInt"/>
     <TypeSimple name="T_LREAL" size="8" iecname="LREAL" typeclass="LReal"/>
-    <TypeUserDef name="T_POINT" size="8" iecname="POINT" typeclass="Userdef" pouclass="STRUCTURE">
-      <UserDefElement iecname="x" type="T_DINT" vartype="VAR"/>
-      <UserDefElement iecname="y" type="T_DINT" vartype="VAR"/>
-    </TypeUserDef>
-    <TypeArray name="T_GRID" size="48" iecname="ARRAY" typeclass="Array" basetype="T_POINT">
-      <ArrayDim minrange="0" maxrange="1"/>
-      <ArrayDim minrange="1" maxrange="3"/>
-    </TypeArray>
   </TypeList>
   <NodeList>
     <Node name="App">
@@ -45,7 +39,6 @@ const char* const kSymbols = R"(<?xml version="1.0" encoding="utf-8"?>
         <Node name="counter" type="T_DINT" access="ReadWrite"/>
         <Node name="sine" type="T_LREAL" access="Read"/>
         <Node name="toggle" type="T_BOOL" access="Read"/>
-        <Node name="grid" type="T_GRID" access="ReadWrite"/>
       </Node>
     </Node>
   </NodeList>
@@ -147,96 +140,120 @@ class VarlokSimTest : public ::testing::Test {
   std::string symbols;
 };
 
-TEST_F(VarlokSimTest, ServesTheDemoValuesAndRemovesItsObjectsOnSigterm) {
-  Sim sim(Args({"--demo", "--demo-cycle-ms", "5"}));
-  ASSERT_TRUE(sim.WaitReady()) << sim.Stderr();
-  MiniClient client;
-  ASSERT_EQ(client.Open(), 0u);
-  WriteConnect(client.area[kConnect], 1, 0);
-  ASSERT_EQ(client.Exchange(kConnect), 0u);
-  const auto seq = static_cast<uint8_t>(slot::Load<uint32_t>(client.area[kConnect], slot::kConnectSeq));
-  ASSERT_NE(seq, 0);
-  WriteDefine(client.area[kDefine], 1, seq, {{"App.GVL.counter", 4}, {"App.GVL.sine", 8}, {"App.GVL.toggle", 1}});
-  ASSERT_EQ(client.Exchange(kDefine), 0u);
-  ASSERT_EQ(slot::Load<uint16_t>(client.area[kDefine], slot::kDefineErr), 0u);
-  int32_t first = 0, later = 0;
-  WriteSwap(client.area[kSwap], 1, seq, 1, {0, 4, 12});
-  ASSERT_EQ(client.Exchange(kSwap), 0u);
-  std::memcpy(&first, client.area[kSwap] + 27, 4);
-  for (int i = 0; i < 200 && later <= first; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    WriteSwap(client.area[kSwap], 1, seq, 1, {0, 4, 12});
-    ASSERT_EQ(client.Exchange(kSwap), 0u);
-    std::memcpy(&later, client.area[kSwap] + 27, 4);
-  }
-  EXPECT_GT(later, first) << "the counter moves";
+// Exchanges of a minimal client; each returns RtosWaitEvent's result.
+uint32_t Connect(MiniClient& c) {
+  WriteConnect(c.area[kConnect], 1, 0);
+  return c.Exchange(kConnect);
+}
+uint8_t SeqOf(const MiniClient& c) { return static_cast<uint8_t>(slot::Load<uint32_t>(c.area[kConnect], slot::kConnectSeq)); }
+uint32_t Define(MiniClient& c, uint32_t timeoutMs = 2000) {
+  WriteDefine(c.area[kDefine], 1, SeqOf(c), {{"App.GVL.counter", 4}, {"App.GVL.sine", 8}, {"App.GVL.toggle", 1}});
+  return c.Exchange(kDefine, timeoutMs);
+}
+uint32_t Handle(const MiniClient& c) { return slot::Load<uint32_t>(c.area[kDefine], slot::kDefineHandle); }
+uint32_t Swap(MiniClient& c, uint8_t rw, uint32_t handle, uint32_t timeoutMs = 2000) {
+  WriteSwap(c.area[kSwap], rw, SeqOf(c), handle, {0, 4, 12}, Concat({Bytes<int32_t>(42), Bytes(0.5), std::vector<uint8_t>{1}}));
+  return c.Exchange(kSwap, timeoutMs);
+}
+int32_t Counter(const MiniClient& c) { return slot::Load<int32_t>(c.area[kSwap], slot::kSwapEntries + 12); }
 
-  EXPECT_EQ(sim.Stop(SIGTERM), 0);
-  EXPECT_EQ(RtosIsAlive(), 0u);
-  uint32_t id = 0;
-  EXPECT_EQ(RtosQueryShmId(L"DataSwapArea", 4, &id), RTE_ERROR_PARTITION_DOWN);
-  const std::string log = sim.Stderr();
-  EXPECT_NE(log.find("[info] connect: client seq 1 granted, 1 connected"), std::string::npos) << log;
-  EXPECT_NE(log.find("[info] define: client seq 1 handle 1 with 3 tags, 13 bytes"), std::string::npos) << log;
+TEST_F(VarlokSimTest, InjectedFaultsReachTheClient) {
+  struct Case {
+    std::vector<std::string> args;
+    int channel;
+    uint32_t timeoutMs, wait, flag, err;
+    bool lateAnswer;
+    int exit;
+    const char* log;
+  };
+  const uint32_t kTimeout = RTE_ERROR_TIMEOUT;
+  const std::vector<Case> cases = {
+      {{"--refuse-connect", "2"}, kConnect, 2000, 0, 3, 2, false, 0, "refused connect: injected refusal 2"},
+      {{"--refuse-connect", "4"}, kConnect, 2000, 0, 3, 4, false, 0, "refused connect: injected refusal 4"},
+      {{"--silent", "define"}, kDefine, 30, kTimeout, 1, 0, false, 0, "define command left unanswered (silent)"},
+      {{"--late-ms", "150", "--late", "define"}, kDefine, 20, kTimeout, 3, 0, true, 0, "handle 65537 with 3 tags"},
+      {{"--keep-flag", "dataswap"}, kSwap, 2000, 0, 2, 0, false, 0, "handle 65537 with 3 tags"},
+      {{"--error", "define", "--error-value", "9"}, kDefine, 2000, 0, 3, 9, false, 0,
+       "refused define command: answering with the injected error 9"},
+      {{"--vanish", "dataswap"}, kSwap, 60, kTimeout, 0, 0, false, 3, "vanishing in the middle of a data swap command"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.log);
+    Sim sim(Args(c.args));
+    ASSERT_TRUE(sim.WaitReady()) << sim.Stderr();
+    MiniClient client;
+    ASSERT_EQ(client.Open(), 0u);
+    ASSERT_EQ(c.channel == kConnect ? 0u : Connect(client), 0u);
+    ASSERT_EQ(c.channel == kSwap ? Define(client) : 0u, 0u);
+    EXPECT_EQ(c.channel == kConnect  ? Connect(client)
+              : c.channel == kDefine ? Define(client, c.timeoutMs)
+                                     : Swap(client, 2, Handle(client), c.timeoutMs),
+              c.wait);
+    EXPECT_EQ(c.lateAnswer ? RtosWaitEvent(client.rx[c.channel], 2000) : 0u, 0u);
+    const uint8_t* area = client.area[c.channel];
+    if (c.exit == 0) {  // a vanished controller cut the areas: reading them would fault
+      EXPECT_EQ(client.FlagOf(c.channel), c.flag);
+      EXPECT_EQ(c.channel == kConnect ? slot::Load<uint32_t>(area, slot::kConnectErrInfo)
+                : c.channel == kDefine ? slot::Load<uint16_t>(area, slot::kDefineErr)
+                                       : slot::Load<uint32_t>(area, slot::kSwapErr), c.err);
+      EXPECT_EQ(c.channel == kConnect ? SeqOf(client) : 0, 0) << "a refused connect grants nothing";
+    }
+    EXPECT_EQ(c.exit == 0 ? sim.Stop(SIGTERM) : sim.Wait(), c.exit);
+    EXPECT_NE(sim.Stderr().find(c.log), std::string::npos) << sim.Stderr();
+  }
+  uint32_t id = 0, bytes = 1;  // the vanished controller left its areas cut
+  ASSERT_EQ(RtosQueryShmId(L"DataSwapArea", 4, &id), 0u);
+  ASSERT_EQ(RtosQueryShmSize(id, &bytes), 0u);
+  EXPECT_EQ(bytes, 0u);
 }
 
-TEST_F(VarlokSimTest, RefusesASecondControllerAndRecoversAfterACrash) {
-  Sim first(Args());
+TEST_F(VarlokSimTest, ServesRefusesASecondRecoversAfterKillAndGrantsAFreshSequence) {
+  Sim first(Args({"--demo", "--demo-cycle-ms", "5"}));
   ASSERT_TRUE(first.WaitReady()) << first.Stderr();
+  MiniClient old;
+  ASSERT_EQ(old.Open() | Connect(old) | Define(old), 0u);
+  const uint32_t firstSeq = slot::Load<uint32_t>(old.area[kConnect], slot::kConnectSeq);
+  ASSERT_EQ(Swap(old, 1, Handle(old)), 0u);
+  const int32_t counter = Counter(old);
+  for (int i = 0; i < 200 && Counter(old) <= counter; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    ASSERT_EQ(Swap(old, 1, Handle(old)), 0u);
+  }
+  EXPECT_GT(Counter(old), counter) << "the demo task moves the counter";
   {
     Sim second(Args({"--claim-timeout-ms", "20"}));
     EXPECT_FALSE(second.WaitReady());
     EXPECT_EQ(second.Wait(), 4);
     EXPECT_NE(second.Stderr().find("varlok-sim: cannot start: partition '" + partition +
                                    "' is held by the running controller pid " + std::to_string(first.Pid())),
-              std::string::npos)
-        << second.Stderr();
+              std::string::npos) << second.Stderr();
   }
   EXPECT_EQ(first.Stop(SIGKILL), -SIGKILL);
   EXPECT_EQ(RtosIsAlive(), 0u);
+
   Sim third(Args());
   ASSERT_TRUE(third.WaitReady()) << third.Stderr();
   EXPECT_EQ(RtosIsAlive(), 1u);
-  EXPECT_EQ(third.Stop(SIGINT), 0);
-  EXPECT_NE(third.Stderr().find("removed the leftovers of a controller that died"), std::string::npos)
-      << third.Stderr();
-}
-
-TEST_F(VarlokSimTest, VanishesInTheMiddleOfACommand) {
-  Sim sim(Args({"--vanish", "dataswap"}));
-  ASSERT_TRUE(sim.WaitReady()) << sim.Stderr();
-  MiniClient client;
-  ASSERT_EQ(client.Open(), 0u);
-  WriteConnect(client.area[kConnect], 1, 0);
-  ASSERT_EQ(client.Exchange(kConnect), 0u);
-  WriteSwap(client.area[kSwap], 1, 1, 1, {0});
-  EXPECT_EQ(client.Exchange(kSwap, 300), RTE_ERROR_TIMEOUT);
-  EXPECT_EQ(sim.Wait(), 3);
+  MiniClient fresh;
+  ASSERT_EQ(fresh.Open() | Connect(fresh) | Define(fresh), 0u);
+  EXPECT_NE(slot::Load<uint32_t>(fresh.area[kConnect], slot::kConnectSeq), firstSeq)
+      << "a restarted controller granted its predecessor's first sequence again";
+  EXPECT_EQ(third.Stop(SIGTERM), 0);
   EXPECT_EQ(RtosIsAlive(), 0u);
-  uint32_t id = 0, bytes = 1;
-  ASSERT_EQ(RtosQueryShmId(L"DataSwapArea", 4, &id), 0u) << "the cut areas are left behind";
-  ASSERT_EQ(RtosQueryShmSize(id, &bytes), 0u);
-  EXPECT_EQ(bytes, 0u);
-  Sim next(Args());  // cleans the leftovers up
-  ASSERT_TRUE(next.WaitReady()) << next.Stderr();
-  EXPECT_EQ(next.Stop(SIGTERM), 0);
+  uint32_t id = 0;
+  EXPECT_EQ(RtosQueryShmId(L"DataSwapArea", 4, &id), RTE_ERROR_PARTITION_DOWN) << "the stopped controller cleaned up";
+  const std::string log = third.Stderr();
+  EXPECT_NE(log.find("removed the leftovers of a controller that died"), std::string::npos) << log;
+  EXPECT_NE(log.find("handle 65537 with 3 tags, 13 bytes"), std::string::npos) << log;
 }
 
 TEST_F(VarlokSimTest, RejectsBadArgumentsWithAMessage) {
-  struct Case {
-    std::vector<std::string> args;
-    int exit;
-    const char* message;
-  };
+  struct Case { std::vector<std::string> args; int exit; const char* message; };
   const std::vector<Case> cases = {
       {{}, 1, "varlok-sim: --symbols FILE is required"},
-      {{"--symbols", symbols, "--silent", "nowhere"}, 1, "varlok-sim: bad value for --silent: nowhere"},
       {{"--symbols", symbols, "--refuse-connect", "5"}, 1, "varlok-sim: bad value for --refuse-connect: 5"},
       {{"--symbols", symbols, "--error", "define"}, 1, "varlok-sim: --error needs --error-value N with N not 0"},
-      {{"--symbols", symbols, "--log-level", "loud"}, 1, "varlok-sim: bad value for --log-level: loud"},
-      {{"--symbols", symbols, "--bogus"}, 1, "varlok-sim: unknown or incomplete option --bogus"},
-      {{"--symbols", "/nonexistent/file.xml", "--partition", partition}, 2, "varlok-sim: cannot read /nonexistent/file.xml"},
-      {{"--symbols", symbols, "--partition", "a/b"}, 4, "varlok-sim: cannot start: "},
+      {{"--symbols", "/nonexistent/file.xml"}, 2, "varlok-sim: cannot read /nonexistent/file.xml"},
   };
   for (const auto& c : cases) {
     Sim sim(c.args);
