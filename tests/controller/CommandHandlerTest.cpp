@@ -46,10 +46,7 @@ class CommandHandlerTest : public ::testing::Test {
     EXPECT_EQ(slot::Load<uint8_t>(swap.data(), slot::kSwapFlag), 3u);
     return slot::Load<uint32_t>(swap.data(), slot::kSwapErr);
   }
-  Bytes_ Read(size_t entries, size_t at, size_t n) {
-    const uint8_t* v = swap.data() + slot::kSwapEntries + 4 * entries + at;
-    return Bytes_(v, v + n);
-  }
+  Bytes_ Read(size_t entries, size_t at, size_t n) { return Bytes_(&swap[15 + 4 * entries + at], &swap[15 + 4 * entries + at + n]); }
   Bytes_ ImageBytes(uint32_t offset, uint32_t n) { return Bytes_(image->Data() + offset, image->Data() + offset + n); }
 
   std::unique_ptr<SymbolConfiguration> project = MakeProject();
@@ -60,10 +57,7 @@ class CommandHandlerTest : public ::testing::Test {
 
 TEST_F(CommandHandlerTest, GrantsSequencesAndTakesThemBack) {
   std::set<uint32_t> firsts;
-  for (int i = 0; i < 8; ++i) {
-    CommandHandler seeded(*image, kSwapArea);
-    firsts.insert(Connect(seeded));
-  }
+  for (int i = 0; i < 8; ++i) firsts.insert(Connect(*std::make_unique<CommandHandler>(*image, kSwapArea)));
   EXPECT_EQ(firsts.size(), 8u) << "a new instance repeated an earlier instance's first sequence";
 
   struct Start { uint32_t first; std::vector<uint32_t> granted; };
@@ -71,8 +65,8 @@ TEST_F(CommandHandlerTest, GrantsSequencesAndTakesThemBack) {
     CommandHandler h(*image, kSwapArea, s.first);
     for (uint32_t expected : s.granted) EXPECT_EQ(Connect(h), expected) << "low byte 0 and 0 itself are skipped";
   }
-  std::vector<uint32_t> granted;
-  for (int i = 0; i < 300; ++i) granted.push_back(Connect(*handler));
+  std::vector<uint32_t> granted(300);
+  for (uint32_t& seq : granted) seq = Connect(*handler);
   EXPECT_EQ(handler->ClientCount(), CommandHandler::kMaxClients);
   EXPECT_TRUE(qvtest::Log().Contains("client seq 1 dropped: all 255 client slots are taken"));
   std::set<uint8_t> live;
@@ -93,21 +87,23 @@ TEST_F(CommandHandlerTest, GrantsSequencesAndTakesThemBack) {
   }
 }
 
-TEST_F(CommandHandlerTest, ReadsAndWritesByEntryOffsetsServingTheSmallerSize) {
+TEST_F(CommandHandlerTest, ReadsWritesAndRangeWritesTouchOnlyTheElementsBytes) {
   const uint8_t seq = Connect();
   const uint32_t beat = slot::Load<uint32_t>(connect.data(), slot::kConnectBeat);
   EXPECT_EQ(Connect(), 2);
   EXPECT_EQ(slot::Load<uint32_t>(connect.data(), slot::kConnectBeat), beat + 1);
-  uint32_t handle = 0;
+  uint32_t h = 0, counters = 0, names = 0, grid = 0;
   // names[2] and wnames[0] sized as the client sizes array elements: 81 and 162.
   ASSERT_EQ(Define(1, seq, {{"App.GVL.counter", 4}, {"App.GVL.grid[1,3].y", 4}, {"App.GVL.names[2]", 81},
-                            {"App.GVL.wnames[0]", 162}, {"App.GVL.mix.c", 2}}, &handle), 0);
-  EXPECT_EQ(handle, kRange + 1);
+                            {"App.GVL.wnames[0]", 162}, {"App.GVL.mix.c", 2}}, &h), 0);
+  EXPECT_EQ(h, kRange + 1);
   EXPECT_TRUE(qvtest::Log().WaitFor(spdlog::level::info, "define: client seq 1 handle 65537 with 5 tags, 253 bytes",
                                     "CommandHandler::Define"));
+  ASSERT_EQ(Define(1, seq, {{"App.GVL.counters", 40}}, &counters) | Define(1, seq, {{"App.GVL.names", 63}}, &names) |
+                Define(1, seq, {{"App.GVL.grid", 48}}, &grid), 0);
   for (uint32_t i = 0; i < image->Size(); ++i) image->Data()[i] = static_cast<uint8_t>(i);
   const std::vector<uint32_t> offsets = {0, 4, 8, 89, 251};
-  ASSERT_EQ(Swap(1, seq, handle, offsets), 0u);
+  ASSERT_EQ(Swap(1, seq, h, offsets), 0u);
   EXPECT_EQ(Read(5, 0, 4), ImageBytes(0, 4));
   EXPECT_EQ(Read(5, 4, 4), ImageBytes(68, 4));
   EXPECT_EQ(Read(5, 8, 81), Concat({ImageBytes(133, 21), Bytes_(60, 0)}));
@@ -117,37 +113,26 @@ TEST_F(CommandHandlerTest, ReadsAndWritesByEntryOffsetsServingTheSmallerSize) {
   Bytes_ expected = ImageBytes(0, image->Size());
   const Bytes_ values = Concat({Bytes<int32_t>(-5), Bytes<int32_t>(77), Bytes_(81, 'A'), Bytes_(162, 'W'),
                                 Bytes<int16_t>(1234)});
-  ASSERT_EQ(Swap(2, seq, handle, offsets, values), 0u);
+  ASSERT_EQ(Swap(2, seq, h, offsets, values), 0u);
   std::memcpy(&expected[0], values.data(), 4);
   std::memcpy(&expected[68], values.data() + 4, 4);
-  std::fill(&expected[133], &expected[153], 'A');
-  expected[153] = 0;  // the cut string keeps its terminator
-  std::fill(&expected[176], &expected[186], 'W');
-  expected[186] = expected[187] = 0;
   std::memcpy(&expected[216], values.data() + 251, 2);
+  std::fill(&expected[133], &expected[153], 'A');
+  std::fill(&expected[176], &expected[186], 'W');
+  expected[153] = expected[186] = expected[187] = 0;  // cut strings keep their terminator
   EXPECT_EQ(ImageBytes(0, image->Size()), expected) << "only the elements' own bytes change";
-}
 
-TEST_F(CommandHandlerTest, RangeWriteAppliesStartBytesAndElementLength) {
-  const uint8_t seq = Connect();
-  uint32_t counters = 0, names = 0, grid = 0;
-  ASSERT_EQ(Define(1, seq, {{"App.GVL.counters", 40}}, &counters) | Define(1, seq, {{"App.GVL.names", 63}}, &names) |
-                Define(1, seq, {{"App.GVL.grid", 48}}, &grid), 0);
-  Bytes_ expected = ImageBytes(0, image->Size());
+  // Range writes: (0, start, bytes, element length); String(20) elements sent as 81 bytes each.
   ASSERT_EQ(Swap(2, seq, counters, {0, 2, 12, 4}, Concat({Bytes<int32_t>(7), Bytes<int32_t>(8), Bytes<int32_t>(9)})),
             0u);
-  for (int k = 0; k < 3; ++k) expected[72 + 8 + 4 * k] = static_cast<uint8_t>(7 + k);
-  // Two String(20) elements sent as 81 bytes each: 20 characters and a terminator land in each.
   ASSERT_EQ(Swap(2, seq, names, {0, 1, 162, 81}, Concat({Bytes_(81, 'x'), Bytes_(81, 'y')})), 0u);
+  ASSERT_EQ(Swap(2, seq, grid, {0, 0, 48, 0}, Bytes_(48, 0x64)), 0u);
+  for (int k = 0; k < 3; ++k) std::memcpy(&expected[80 + 4 * k], Bytes<int32_t>(7 + k).data(), 4);
   std::fill(&expected[133], &expected[153], 'x');
   std::fill(&expected[154], &expected[174], 'y');
+  std::fill(&expected[24], &expected[72], 0x64);
   expected[153] = expected[174] = 0;
-  Bytes_ whole(48);
-  for (size_t i = 0; i < whole.size(); ++i) whole[i] = static_cast<uint8_t>(100 + i);
-  ASSERT_EQ(Swap(2, seq, grid, {0, 0, 48, 0}, whole), 0u);
-  std::copy(whole.begin(), whole.end(), expected.begin() + 24);
   EXPECT_EQ(ImageBytes(0, image->Size()), expected);
-
   struct Bad { uint32_t handle, start, bytes, length, err; };
   for (const Bad& b : {Bad{counters, 8, 12, 4, kRefuseBadRange}, Bad{counters, 0, 10, 4, kRefuseBadRange},
                        Bad{counters, 0, 8, 0, kRefuseBadRange}, Bad{names, 3, 81, 81, kRefuseBadRange},

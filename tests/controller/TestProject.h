@@ -24,8 +24,7 @@ namespace slot = qorvarlok::controller::slot;
 
 inline TypeBase* Simple(const char* name, int size, int typeClass) {
   auto* t = new TypeSimple();
-  t->name = name, t->size = size, t->typeClass = typeClass;
-  return t;
+  return t->name = name, t->size = size, t->typeClass = typeClass, t;
 }
 
 inline TypeBase* Struct(const char* name, int size, std::vector<std::pair<std::string, std::string>> members) {
@@ -33,8 +32,7 @@ inline TypeBase* Struct(const char* name, int size, std::vector<std::pair<std::s
   t->name = name, t->size = size, t->typeClass = 15;
   for (auto& [member, type] : members) {
     auto* e = new UserDefElement();
-    e->iecName = member, e->type = type;
-    t->AppendElement(e);
+    e->iecName = member, e->type = type, t->AppendElement(e);
   }
   return t;
 }
@@ -65,14 +63,11 @@ inline std::unique_ptr<SymbolConfiguration> MakeProject(std::vector<TypeBase*> e
       {"counters", "T_CNT"}, {"names", "T_NAMES"}, {"wnames", "T_WNAMES"}, {"mix", "T_MIX"}};
   for (auto [name, type] : vars) {
     auto* v = new VariableNode();
-    v->name = name, v->type = type, v->access = 2;
-    gvl->AppendChild(v);
+    v->name = name, v->type = type, v->access = 2, gvl->AppendChild(v);
   }
   auto* app = new NodeWithChildren();
-  app->name = "App";
-  app->AppendChild(gvl);
   auto* nodes = new AppNodes();
-  nodes->AppendChild(app);
+  app->name = "App", app->AppendChild(gvl), nodes->AppendChild(app);
   return std::make_unique<SymbolConfiguration>(new SymbolHeader(), types, nodes);
 }
 
@@ -92,20 +87,15 @@ inline void WriteDefine(uint8_t* area, uint8_t flag, uint8_t seq, const std::vec
     slot::Store<uint32_t>(e, slot::kEntrySizeField, entries[i].size);
     total += entries[i].size;
   }
-  slot::Store<uint16_t>(area, slot::kDefineErr, 0);
-  slot::Store<uint8_t>(area, slot::kDefineFlag, flag);
-  slot::Store<uint8_t>(area, slot::kDefineSeq, seq);
-  slot::Store<uint32_t>(area, slot::kDefineByteLength, flag == 1 ? total : 0);
-  slot::Store<uint32_t>(area, slot::kDefineSize, flag == 1 ? static_cast<uint32_t>(entries.size()) : 0);
-  slot::Store<uint32_t>(area, slot::kDefineHandle, handle);
+  const uint32_t count = flag == 1 ? static_cast<uint32_t>(entries.size()) : 0;
+  const uint32_t head[4] = {uint32_t{flag} << 16 | uint32_t{seq} << 24, flag == 1 ? total : 0, count, handle};
+  std::memcpy(area, head, sizeof head);  // Err 0, Flag, Seq, ByteLength, Size, TagsHandle
 }
 
 inline void WriteSwap(uint8_t* area, uint8_t rw, uint8_t seq, uint32_t handle, const std::vector<uint32_t>& entries,
                       const std::vector<uint8_t>& values = {}) {
-  slot::Store<uint32_t>(area, slot::kSwapErr, 0);
-  slot::Store<uint8_t>(area, slot::kSwapFlag, rw);
-  slot::Store<uint8_t>(area, slot::kSwapSeq, seq);
-  slot::Store<uint8_t>(area, slot::kSwapRw, rw);
+  const uint8_t head[7] = {0, 0, 0, 0, rw, seq, rw};  // Err, Flag, Seq, Rw
+  std::memcpy(area, head, sizeof head);
   slot::Store<uint32_t>(area, slot::kSwapSize, static_cast<uint32_t>(entries.size()));
   slot::Store<uint32_t>(area, slot::kSwapHandle, handle);
   for (size_t i = 0; i < entries.size(); ++i) slot::Store<uint32_t>(area, slot::kSwapEntries + 4 * i, entries[i]);
@@ -113,10 +103,8 @@ inline void WriteSwap(uint8_t* area, uint8_t rw, uint8_t seq, uint32_t handle, c
 }
 
 inline void WriteConnect(uint8_t* area, uint32_t flag, uint32_t seq) {
-  slot::Store<uint32_t>(area, slot::kConnectFlag, flag);
-  slot::Store<uint32_t>(area, slot::kConnectSeq, seq);
-  slot::Store<uint32_t>(area, slot::kConnectBeat, 1000);
-  slot::Store<uint32_t>(area, slot::kConnectErrInfo, 0);
+  const uint32_t fields[4] = {flag, seq, 1000, 0};  // Flag, Seq, beat, errInfo
+  std::memcpy(area, fields, sizeof fields);
 }
 
 template <typename T>

@@ -1,20 +1,16 @@
-// varlok-sim as a process, met through a minimal client on the real events:
-// readiness, every injected fault, clean stop, refusal of a second
-// controller, recovery after kill -9, a fresh sequence after a restart.
-#include <fcntl.h>
+// varlok-sim as a process on the demo project, met through a minimal client
+// on the real events: readiness, every injected fault, clean stop, refusal of
+// a second controller, recovery after kill -9, a fresh sequence after restart.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <thread>
 
-#include "CommandHandler.h"
 #include "MiniClient.h"
 #include "TestProject.h"
 
@@ -25,45 +21,19 @@ namespace {
 
 constexpr int kConnect = 0, kDefine = 1, kSwap = 2;
 
-const char* const kSymbols = R"(<?xml version="1.0" encoding="utf-8"?>
-<Symbolconfiguration>
-  <Header><Version>1.0.0.0</Version></Header>
-  <TypeList>
-    <TypeSimple name="T_BOOL" size="1" iecname="BOOL" typeclass="Bool"/>
-    <TypeSimple name="T_DINT" size="4" iecname="DINT" typeclass="DInt"/>
-    <TypeSimple name="T_LREAL" size="8" iecname="LREAL" typeclass="LReal"/>
-  </TypeList>
-  <NodeList>
-    <Node name="App">
-      <Node name="GVL">
-        <Node name="counter" type="T_DINT" access="ReadWrite"/>
-        <Node name="sine" type="T_LREAL" access="Read"/>
-        <Node name="toggle" type="T_BOOL" access="Read"/>
-      </Node>
-    </Node>
-  </NodeList>
-</Symbolconfiguration>
-)";
-
-std::string TempPath(const std::string& leaf) {
-  return ::testing::TempDir() + "qvsim-" + std::to_string(getpid()) + "-" + leaf;
-}
-
+// The simulator with stderr in a file and "ready" on a pipe; stopped (and
+// killed if it must be) at the end of scope, so no partition is left behind.
 class Sim {
  public:
-  explicit Sim(std::vector<std::string> args) : m_stderr(TempPath("stderr-" + std::to_string(++s_serial))) {
+  explicit Sim(std::vector<std::string> args) {
+    static int serial = 0;
+    m_stderr = ::testing::TempDir() + "qvsim-" + std::to_string(getpid()) + "-" + std::to_string(++serial);
     int ready[2];
     if (pipe(ready) != 0) return;
     args.insert(args.begin(), VARLOK_SIM_PATH);
-    args.push_back("--ready-fd");
-    args.push_back(std::to_string(ready[1]));
-    m_pid = fork();
-    if (m_pid == 0) {
-      close(ready[0]);
-      const int err = open(m_stderr.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      const int null = open("/dev/null", O_WRONLY);
-      dup2(err, 2);
-      dup2(null, 1);
+    args.insert(args.end(), {"--ready-fd", std::to_string(ready[1])});
+    if ((m_pid = fork()) == 0) {
+      if (!freopen(m_stderr.c_str(), "w", stderr) || !freopen("/dev/null", "w", stdout)) _exit(126);
       std::vector<char*> argv;
       for (auto& a : args) argv.push_back(a.data());
       argv.push_back(nullptr);
@@ -74,16 +44,10 @@ class Sim {
     m_readyFd = ready[0];
   }
   ~Sim() {
-    // A test that failed half-way still stops its simulator cleanly, so that
-    // no objects of the partition are left behind.
-    if (m_pid > 0 && !m_exited && Stop(SIGTERM) == -1000) {
-      kill(m_pid, SIGKILL);
-      waitpid(m_pid, nullptr, 0);
-    }
-    if (m_readyFd >= 0) close(m_readyFd);
+    if (m_pid > 0 && !m_exited && Stop(SIGTERM) == -1000) kill(m_pid, SIGKILL), waitpid(m_pid, nullptr, 0);
+    close(m_readyFd);
     unlink(m_stderr.c_str());
   }
-  // True once the simulator wrote "ready"; false when it ended or 5 s passed.
   bool WaitReady() {
     pollfd p{m_readyFd, POLLIN, 0};
     char buffer[16] = {};
@@ -91,30 +55,16 @@ class Sim {
   }
   // Exit code, or -signal; -1000 when it did not end within 5 s.
   int Wait() {
-    for (int i = 0; i < 500; ++i) {
-      int status = 0;
-      if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
-        m_exited = true;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    for (int i = 0, status = 0; i < 1000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(5)))
+      if (waitpid(m_pid, &status, WNOHANG) == m_pid)
+        return m_exited = true, WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     return -1000;
   }
-  int Stop(int signal) {
-    kill(m_pid, signal);
-    return Wait();
-  }
-  std::string Stderr() const {
-    std::ifstream in(m_stderr);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-  }
+  int Stop(int signal) { return kill(m_pid, signal), Wait(); }
+  std::string Stderr() const { return (std::stringstream() << std::ifstream(m_stderr).rdbuf()).str(); }
   pid_t Pid() const { return m_pid; }
 
  private:
-  static inline int s_serial = 0;
   std::string m_stderr;
   pid_t m_pid = -1;
   int m_readyFd = -1;
@@ -123,21 +73,15 @@ class Sim {
 
 class VarlokSimTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    partition = "qvsim-" + std::to_string(getpid()) + "-" + ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    setenv("VARLOK_PARTITION", partition.c_str(), 1);
-    symbols = TempPath("symbols.xml");
-    std::ofstream(symbols) << kSymbols;
-  }
-  void TearDown() override { unlink(symbols.c_str()); }
+  void SetUp() override { setenv("VARLOK_PARTITION", partition.c_str(), 1); }
   std::vector<std::string> Args(std::vector<std::string> extra = {}) {
     std::vector<std::string> args = {"--symbols", symbols, "--partition", partition, "--notify-size", "65536",
                                      "--dataswap-size", "65536"};
-    args.insert(args.end(), extra.begin(), extra.end());
-    return args;
+    return args.insert(args.end(), extra.begin(), extra.end()), args;
   }
-  std::string partition;
-  std::string symbols;
+  std::string partition = "qvsim-" + std::to_string(getpid()) + "-" +
+                          ::testing::UnitTest::GetInstance()->current_test_info()->name();
+  std::string symbols = std::string(QV_SOURCE_DIR) + "/examples/demo/Demo.xml";
 };
 
 // Exchanges of a minimal client; each returns RtosWaitEvent's result.
