@@ -11,7 +11,6 @@
 #include <sstream>
 #include <thread>
 
-#include "MiniClient.h"
 #include "TestProject.h"
 
 #ifdef VARLOK_SIM_PATH
@@ -85,33 +84,27 @@ class VarlokSimTest : public ::testing::Test {
 };
 
 // Exchanges of a minimal client; each returns RtosWaitEvent's result.
-uint32_t Connect(MiniClient& c) {
-  WriteConnect(c.area[kConnect], 1, 0);
-  return c.Exchange(kConnect);
-}
-uint8_t SeqOf(const MiniClient& c) { return static_cast<uint8_t>(slot::Load<uint32_t>(c.area[kConnect], slot::kConnectSeq)); }
+uint32_t Connect(MiniClient& c) { return WriteConnect(c.area[kConnect], 1, 0), c.Exchange(kConnect); }
+uint32_t SeqOf(const MiniClient& c) { return slot::Load<uint32_t>(c.area[kConnect], slot::kConnectSeq); }
 uint32_t Define(MiniClient& c, uint32_t timeoutMs = 2000) {
-  WriteDefine(c.area[kDefine], 1, SeqOf(c), {{"App.GVL.counter", 4}, {"App.GVL.sine", 8}, {"App.GVL.toggle", 1}});
+  WriteDefine(c.area[kDefine], 1, SeqOf(c) & 0xFF, {{"App.GVL.counter", 4}, {"App.GVL.sine", 8}, {"App.GVL.toggle", 1}});
   return c.Exchange(kDefine, timeoutMs);
 }
 uint32_t Handle(const MiniClient& c) { return slot::Load<uint32_t>(c.area[kDefine], slot::kDefineHandle); }
-uint32_t Swap(MiniClient& c, uint8_t rw, uint32_t handle, uint32_t timeoutMs = 2000) {
-  WriteSwap(c.area[kSwap], rw, SeqOf(c), handle, {0, 4, 12}, Concat({Bytes<int32_t>(42), Bytes(0.5), std::vector<uint8_t>{1}}));
+uint32_t Swap(MiniClient& c, uint8_t rw, uint32_t timeoutMs = 2000) {
+  WriteSwap(c.area[kSwap], rw, SeqOf(c) & 0xFF, Handle(c), {0, 4, 12}, Concat({Bytes(42), Bytes(0.5), Bytes('\1')}));
   return c.Exchange(kSwap, timeoutMs);
 }
 int32_t Counter(const MiniClient& c) { return slot::Load<int32_t>(c.area[kSwap], slot::kSwapEntries + 12); }
 
 TEST_F(VarlokSimTest, InjectedFaultsReachTheClient) {
-  struct Case {
-    std::vector<std::string> args;
-    int channel;
-    uint32_t timeoutMs, wait, flag, err;
-    bool lateAnswer;
-    int exit;
-    const char* log;
-  };
+  // channel -1: the simulator must refuse to start.
+  struct Case { std::vector<std::string> args; int channel; uint32_t timeoutMs, wait, flag, err; bool lateAnswer;
+                int exit; const char* log; };
   const uint32_t kTimeout = RTE_ERROR_TIMEOUT;
   const std::vector<Case> cases = {
+      {{"--refuse-connect", "5"}, -1, 0, 0, 0, 0, false, 1, "varlok-sim: bad value for --refuse-connect: 5"},
+      {{"--error", "define"}, -1, 0, 0, 0, 0, false, 1, "varlok-sim: --error needs --error-value N with N not 0"},
       {{"--refuse-connect", "2"}, kConnect, 2000, 0, 3, 2, false, 0, "refused connect: injected refusal 2"},
       {{"--refuse-connect", "4"}, kConnect, 2000, 0, 3, 4, false, 0, "refused connect: injected refusal 4"},
       {{"--silent", "define"}, kDefine, 30, kTimeout, 1, 0, false, 0, "define command left unanswered (silent)"},
@@ -124,14 +117,16 @@ TEST_F(VarlokSimTest, InjectedFaultsReachTheClient) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.log);
     Sim sim(Args(c.args));
-    ASSERT_TRUE(sim.WaitReady()) << sim.Stderr();
+    if (c.channel < 0 && !sim.WaitReady() && sim.Wait() == c.exit && sim.Stderr().find(c.log) != std::string::npos)
+      continue;
+    ASSERT_TRUE(c.channel >= 0 && sim.WaitReady()) << sim.Stderr();
     MiniClient client;
     ASSERT_EQ(client.Open(), 0u);
     ASSERT_EQ(c.channel == kConnect ? 0u : Connect(client), 0u);
     ASSERT_EQ(c.channel == kSwap ? Define(client) : 0u, 0u);
     EXPECT_EQ(c.channel == kConnect  ? Connect(client)
               : c.channel == kDefine ? Define(client, c.timeoutMs)
-                                     : Swap(client, 2, Handle(client), c.timeoutMs),
+                                     : Swap(client, 2, c.timeoutMs),
               c.wait);
     EXPECT_EQ(c.lateAnswer ? RtosWaitEvent(client.rx[c.channel], 2000) : 0u, 0u);
     const uint8_t* area = client.area[c.channel];
@@ -140,15 +135,13 @@ TEST_F(VarlokSimTest, InjectedFaultsReachTheClient) {
       EXPECT_EQ(c.channel == kConnect ? slot::Load<uint32_t>(area, slot::kConnectErrInfo)
                 : c.channel == kDefine ? slot::Load<uint16_t>(area, slot::kDefineErr)
                                        : slot::Load<uint32_t>(area, slot::kSwapErr), c.err);
-      EXPECT_EQ(c.channel == kConnect ? SeqOf(client) : 0, 0) << "a refused connect grants nothing";
+      EXPECT_EQ(c.channel == kConnect ? SeqOf(client) : 0, 0u) << "a refused connect grants nothing";
     }
     EXPECT_EQ(c.exit == 0 ? sim.Stop(SIGTERM) : sim.Wait(), c.exit);
     EXPECT_NE(sim.Stderr().find(c.log), std::string::npos) << sim.Stderr();
   }
   uint32_t id = 0, bytes = 1;  // the vanished controller left its areas cut
-  ASSERT_EQ(RtosQueryShmId(L"DataSwapArea", 4, &id), 0u);
-  ASSERT_EQ(RtosQueryShmSize(id, &bytes), 0u);
-  EXPECT_EQ(bytes, 0u);
+  EXPECT_EQ(RtosQueryShmId(L"DataSwapArea", 4, &id) | RtosQueryShmSize(id, &bytes) | bytes, 0u);
 }
 
 TEST_F(VarlokSimTest, ServesRefusesASecondRecoversAfterKillAndGrantsAFreshSequence) {
@@ -156,12 +149,12 @@ TEST_F(VarlokSimTest, ServesRefusesASecondRecoversAfterKillAndGrantsAFreshSequen
   ASSERT_TRUE(first.WaitReady()) << first.Stderr();
   MiniClient old;
   ASSERT_EQ(old.Open() | Connect(old) | Define(old), 0u);
-  const uint32_t firstSeq = slot::Load<uint32_t>(old.area[kConnect], slot::kConnectSeq);
-  ASSERT_EQ(Swap(old, 1, Handle(old)), 0u);
+  const uint32_t firstSeq = SeqOf(old);
+  ASSERT_EQ(Swap(old, 1), 0u);
   const int32_t counter = Counter(old);
   for (int i = 0; i < 200 && Counter(old) <= counter; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    ASSERT_EQ(Swap(old, 1, Handle(old)), 0u);
+    ASSERT_EQ(Swap(old, 1), 0u);
   }
   EXPECT_GT(Counter(old), counter) << "the demo task moves the counter";
   {
@@ -174,13 +167,12 @@ TEST_F(VarlokSimTest, ServesRefusesASecondRecoversAfterKillAndGrantsAFreshSequen
   }
   EXPECT_EQ(first.Stop(SIGKILL), -SIGKILL);
   EXPECT_EQ(RtosIsAlive(), 0u);
-
   Sim third(Args());
   ASSERT_TRUE(third.WaitReady()) << third.Stderr();
   EXPECT_EQ(RtosIsAlive(), 1u);
   MiniClient fresh;
   ASSERT_EQ(fresh.Open() | Connect(fresh) | Define(fresh), 0u);
-  EXPECT_NE(slot::Load<uint32_t>(fresh.area[kConnect], slot::kConnectSeq), firstSeq)
+  EXPECT_NE(SeqOf(fresh), firstSeq)
       << "a restarted controller granted its predecessor's first sequence again";
   EXPECT_EQ(third.Stop(SIGTERM), 0);
   EXPECT_EQ(RtosIsAlive(), 0u);
@@ -189,21 +181,6 @@ TEST_F(VarlokSimTest, ServesRefusesASecondRecoversAfterKillAndGrantsAFreshSequen
   const std::string log = third.Stderr();
   EXPECT_NE(log.find("removed the leftovers of a controller that died"), std::string::npos) << log;
   EXPECT_NE(log.find("handle 65537 with 3 tags, 13 bytes"), std::string::npos) << log;
-}
-
-TEST_F(VarlokSimTest, RejectsBadArgumentsWithAMessage) {
-  struct Case { std::vector<std::string> args; int exit; const char* message; };
-  const std::vector<Case> cases = {
-      {{}, 1, "varlok-sim: --symbols FILE is required"},
-      {{"--symbols", symbols, "--refuse-connect", "5"}, 1, "varlok-sim: bad value for --refuse-connect: 5"},
-      {{"--symbols", symbols, "--error", "define"}, 1, "varlok-sim: --error needs --error-value N with N not 0"},
-      {{"--symbols", "/nonexistent/file.xml"}, 2, "varlok-sim: cannot read /nonexistent/file.xml"},
-  };
-  for (const auto& c : cases) {
-    Sim sim(c.args);
-    EXPECT_EQ(sim.Wait(), c.exit) << c.message;
-    EXPECT_NE(sim.Stderr().find(c.message), std::string::npos) << sim.Stderr();
-  }
 }
 
 }  // namespace
