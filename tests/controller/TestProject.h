@@ -1,7 +1,5 @@
 // A small symbol model built in code, and a minimal client (slot writers and
-// the exchange over the real events), for the controller's tests.
-//
-// Image layout of the project (offsets by the layout rule):
+// the exchange over the real events). Image layout (offsets by the rule):
 //   counter DInt 0, sine LReal 8, toggle Bool 16, speed DInt 20,
 //   grid [0..1,1..3] of POINT{x,y DInt} 24 (48), counters [0..9] DInt 72 (40),
 //   names [1..3] String(20) 112 (63), wnames [0..1] WString(5) 176 (24),
@@ -48,7 +46,6 @@ inline TypeBase* Array(const char* name, int size, const char* base, std::vector
   return t;
 }
 
-// extraTypes go into the table too, for layout tests.
 inline std::unique_ptr<SymbolConfiguration> MakeProject(std::vector<TypeBase*> extraTypes = {}) {
   auto* types = new TypeTable();
   for (TypeBase* t : {Simple("T_BOOL", 1, 0), Simple("T_INT", 2, 6), Simple("T_DINT", 4, 7), Simple("T_LREAL", 8, 11),
@@ -75,10 +72,7 @@ inline std::unique_ptr<SymbolConfiguration> MakeProject(std::vector<TypeBase*> e
   return std::make_unique<SymbolConfiguration>(new SymbolHeader(), types, nodes);
 }
 
-struct DefineEntry {
-  std::string name;
-  uint32_t size;
-};
+struct DefineEntry { std::string name; uint32_t size; };
 
 // A define (flag 1) or delete (flag 2) request, as the client writes it.
 inline void WriteDefine(uint8_t* area, uint8_t flag, uint8_t seq, const std::vector<DefineEntry>& entries,
@@ -95,7 +89,6 @@ inline void WriteDefine(uint8_t* area, uint8_t flag, uint8_t seq, const std::vec
   const uint32_t head[4] = {uint32_t{flag} << 16 | uint32_t{seq} << 24, flag == 1 ? total : 0, count, handle};
   std::memcpy(area, head, sizeof head);  // Err 0, Flag, Seq, ByteLength, Size, TagsHandle
 }
-
 inline void WriteSwap(uint8_t* area, uint8_t rw, uint8_t seq, uint32_t handle, const std::vector<uint32_t>& entries,
                       const std::vector<uint8_t>& values = {}) {
   const uint8_t head[7] = {0, 0, 0, 0, rw, seq, rw};  // Err, Flag, Seq, Rw
@@ -105,7 +98,6 @@ inline void WriteSwap(uint8_t* area, uint8_t rw, uint8_t seq, uint32_t handle, c
   for (size_t i = 0; i < entries.size(); ++i) slot::Store<uint32_t>(area, slot::kSwapEntries + 4 * i, entries[i]);
   std::memcpy(area + slot::kSwapEntries + 4 * entries.size(), values.data(), values.size());
 }
-
 inline void WriteConnect(uint8_t* area, uint32_t flag, uint32_t seq) {
   const uint32_t fields[4] = {flag, seq, 1000, 0};  // Flag, Seq, beat, errInfo
   std::memcpy(area, fields, sizeof fields);
@@ -114,20 +106,17 @@ inline void WriteConnect(uint8_t* area, uint32_t flag, uint32_t seq) {
 template <typename T>
 std::vector<uint8_t> Bytes(T value) {
   std::vector<uint8_t> out(sizeof(T));
-  std::memcpy(out.data(), &value, sizeof(T));
-  return out;
+  return std::memcpy(out.data(), &value, sizeof(T)), out;
 }
-
 inline std::vector<uint8_t> Concat(std::initializer_list<std::vector<uint8_t>> parts) {
   std::vector<uint8_t> out;
   for (auto& p : parts) out.insert(out.end(), p.begin(), p.end());
   return out;
 }
 
-// A minimal shared memory client over the real libRtosLib64: maps the three
-// areas of the partition named by VARLOK_PARTITION, opens the six events, and
-// runs one exchange (signal, wait for the answer event, spin on Flag) on a
-// slot that the test has written.
+// A minimal client over the real libRtosLib64: maps the areas of the partition
+// VARLOK_PARTITION names, opens the six events, and runs one exchange (signal,
+// wait for the answer event, spin on Flag) on a slot the test has written.
 class MiniClient {
  public:
   // 0, or the first failing call's result.
@@ -145,35 +134,29 @@ class MiniClient {
       area[c] = static_cast<uint8_t*>(address);
       if (uint32_t r = RtosOpenEvent(0, 0, events[c][0], &tx[c])) return r;
       if (uint32_t r = RtosOpenEvent(0, 0, events[c][1], &rx[c])) return r;
-      // The library has no call that closes an event: a client keeps them
-      // (reachable) for the process's life.
+      // No call closes an event: a client keeps them, reachable, for the process's life.
       static auto* kept = new std::vector<RTOS_EVENT>();
       kept->insert(kept->end(), {tx[c], rx[c]});
     }
     return 0;
   }
-  ~MiniClient() {
-    for (int c = 0; c < 3; ++c) area[c] != nullptr && munmap(area[c], size[c]);
-  }
+  ~MiniClient() { for (int c = 0; c < 3; ++c) area[c] != nullptr && munmap(area[c], size[c]); }
   // RtosWaitEvent's result; on 0 also waits (bounded) for Flag to leave the request's value.
   uint32_t Exchange(int channel, uint32_t timeoutMs = 2000) {
     const uint32_t noted = FlagOf(channel);
     if (uint32_t r = RtosSendEvent(tx[channel])) return r;
     if (uint32_t w = RtosWaitEvent(rx[channel], timeoutMs)) return w;
     const auto limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
-    while (FlagOf(channel) == noted && std::chrono::steady_clock::now() < limit) {
-    }
+    while (FlagOf(channel) == noted && std::chrono::steady_clock::now() < limit) continue;
     return 0;
   }
   uint32_t FlagOf(int channel) const {
     return channel == 0 ? __atomic_load_n(reinterpret_cast<uint32_t*>(area[0]), __ATOMIC_ACQUIRE)
                         : __atomic_load_n(area[channel] + 2 * channel, __ATOMIC_ACQUIRE);  // Flag at 2 and 4
   }
-
   uint8_t* area[3] = {};
   uint32_t size[3] = {};
-  RTOS_EVENT tx[3] = {};
-  RTOS_EVENT rx[3] = {};
+  RTOS_EVENT tx[3] = {}, rx[3] = {};
 };
 
 }  // namespace ctltest

@@ -1,6 +1,5 @@
-// varlok-sim as a process on the demo project, met through a minimal client
-// on the real events: readiness, every injected fault, clean stop, refusal of
-// a second controller, recovery after kill -9, a fresh sequence after restart.
+// varlok-sim as a process on the demo project, met by a minimal client: every
+// injected fault, clean stop, a second controller refused, kill -9 recovered.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -8,7 +7,7 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <thread>
 
 #include "TestProject.h"
@@ -22,8 +21,7 @@ constexpr int kConnect = 0, kDefine = 1, kSwap = 2;
 
 // The simulator with stderr in a file and "ready" on a pipe; stopped (and
 // killed if it must be) at the end of scope, so no partition is left behind.
-class Sim {
- public:
+struct Sim {
   explicit Sim(std::vector<std::string> args) {
     static int serial = 0;
     m_stderr = ::testing::TempDir() + "qvsim-" + std::to_string(getpid()) + "-" + std::to_string(++serial);
@@ -60,10 +58,10 @@ class Sim {
     return -1000;
   }
   int Stop(int signal) { return kill(m_pid, signal), Wait(); }
-  std::string Stderr() const { return (std::stringstream() << std::ifstream(m_stderr).rdbuf()).str(); }
-  pid_t Pid() const { return m_pid; }
-
- private:
+  std::string Stderr() const {
+    std::ifstream in(m_stderr);
+    return {std::istreambuf_iterator<char>(in), {}};
+  }
   std::string m_stderr;
   pid_t m_pid = -1;
   int m_readyFd = -1;
@@ -87,12 +85,12 @@ class VarlokSimTest : public ::testing::Test {
 uint32_t Connect(MiniClient& c) { return WriteConnect(c.area[kConnect], 1, 0), c.Exchange(kConnect); }
 uint32_t SeqOf(const MiniClient& c) { return slot::Load<uint32_t>(c.area[kConnect], slot::kConnectSeq); }
 uint32_t Define(MiniClient& c, uint32_t timeoutMs = 2000) {
-  WriteDefine(c.area[kDefine], 1, SeqOf(c) & 0xFF, {{"App.GVL.counter", 4}, {"App.GVL.sine", 8}, {"App.GVL.toggle", 1}});
+  WriteDefine(c.area[kDefine], 1, SeqOf(c), {{"App.GVL.counter", 4}, {"App.GVL.sine", 8}, {"App.GVL.toggle", 1}});
   return c.Exchange(kDefine, timeoutMs);
 }
 uint32_t Handle(const MiniClient& c) { return slot::Load<uint32_t>(c.area[kDefine], slot::kDefineHandle); }
 uint32_t Swap(MiniClient& c, uint8_t rw, uint32_t timeoutMs = 2000) {
-  WriteSwap(c.area[kSwap], rw, SeqOf(c) & 0xFF, Handle(c), {0, 4, 12}, Concat({Bytes(42), Bytes(0.5), Bytes('\1')}));
+  WriteSwap(c.area[kSwap], rw, SeqOf(c), Handle(c), {0, 4, 12}, Concat({Bytes(42), Bytes(0.5), Bytes('\1')}));
   return c.Exchange(kSwap, timeoutMs);
 }
 int32_t Counter(const MiniClient& c) { return slot::Load<int32_t>(c.area[kSwap], slot::kSwapEntries + 12); }
@@ -152,17 +150,14 @@ TEST_F(VarlokSimTest, ServesRefusesASecondRecoversAfterKillAndGrantsAFreshSequen
   const uint32_t firstSeq = SeqOf(old);
   ASSERT_EQ(Swap(old, 1), 0u);
   const int32_t counter = Counter(old);
-  for (int i = 0; i < 200 && Counter(old) <= counter; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    ASSERT_EQ(Swap(old, 1), 0u);
-  }
+  for (int i = 0; i < 200 && Counter(old) <= counter; ++i)
+    ASSERT_EQ((std::this_thread::sleep_for(std::chrono::milliseconds(5)), Swap(old, 1)), 0u);
   EXPECT_GT(Counter(old), counter) << "the demo task moves the counter";
   {
     Sim second(Args({"--claim-timeout-ms", "20"}));
-    EXPECT_FALSE(second.WaitReady());
-    EXPECT_EQ(second.Wait(), 4);
+    EXPECT_TRUE(!second.WaitReady() && second.Wait() == 4);
     EXPECT_NE(second.Stderr().find("varlok-sim: cannot start: partition '" + partition +
-                                   "' is held by the running controller pid " + std::to_string(first.Pid())),
+                                   "' is held by the running controller pid " + std::to_string(first.m_pid)),
               std::string::npos) << second.Stderr();
   }
   EXPECT_EQ(first.Stop(SIGKILL), -SIGKILL);
