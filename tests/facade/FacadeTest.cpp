@@ -22,8 +22,9 @@ class FacadeTest : public FacadeFixture {
   // Brings a new object into the state; the fake behind it, if one was made.
   std::shared_ptr<FakeVarlok> Enter(ZelVarlok& varlok, State state) {
     const size_t before = MadeCount();
-    nextCodes["InitializeCom"] = state == FailedInit ? ERR_SHM_NOT_INITIALIZED : 0u;
-    if (state == FailedInit || state == Initialised) varlok.InitializeCom(COM_TYPE_LOCAL, file.path.c_str());
+    const unsigned int initCode = nextCodes["InitializeCom"] = state == FailedInit ? ERR_SHM_NOT_INITIALIZED : 0u;
+    const bool initOnly = state == FailedInit || state == Initialised;
+    EXPECT_EQ(initCode, initOnly ? varlok.InitializeCom(COM_TYPE_LOCAL, file.path.c_str()) : initCode);
     nextCodes.clear();
     if (state >= Connected) Connect(varlok);
     EXPECT_EQ(0u, state == Exited ? varlok.ExitVarlokCommunication() : 0u);
