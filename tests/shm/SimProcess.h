@@ -16,47 +16,39 @@ extern char** environ;
 
 namespace shmtest {
 
-// Starts a program with extra environment; its pid, or -1.
-inline pid_t Spawn(std::vector<std::string> args, std::vector<std::string> env = {}) {
-  for (char** e = environ; *e != nullptr; ++e) env.emplace_back(*e);
-  std::vector<char*> argv, envp;
+inline pid_t Spawn(std::vector<std::string> args) {  // with this process's environment; the pid, or -1
+  std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(a.data());
-  for (std::string& e : env) envp.push_back(e.data());
-  argv.push_back(nullptr), envp.push_back(nullptr);
+  argv.push_back(nullptr);
   pid_t pid = -1;
-  return posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), envp.data()) == 0 ? pid : -1;
+  return posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) == 0 ? pid : -1;
 }
 
-// The exit code of a child, or -1 when it did not exit normally.
-inline int WaitExit(pid_t pid) {
+inline int WaitExit(pid_t pid) {  // the exit code of a child, or -1 when it did not exit normally
   int status = 0;
   return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // varlok-sim, serving once it says so on --ready-fd (within timeoutMs).
-class SimProcess {
- public:
+struct SimProcess {
   ~SimProcess() { Stop(SIGKILL); }
   bool Start(const std::string& exe, std::vector<std::string> args, int timeoutMs = 5000) {
     int fds[2];
     if (pipe(fds) != 0 || fcntl(fds[0], F_SETFD, FD_CLOEXEC) != 0) return false;
     args.insert(args.begin(), exe);
     args.insert(args.end(), {"--ready-fd", std::to_string(fds[1]), "--log-level", "warn"});
-    m_pid = Spawn(args);
+    pid = Spawn(args);
     close(fds[1]);
     pollfd p{fds[0], POLLIN, 0};
     char buffer[16];
-    const bool ready = m_pid > 0 && poll(&p, 1, timeoutMs) == 1 && read(fds[0], buffer, sizeof buffer) > 0;
+    const bool ready = pid > 0 && poll(&p, 1, timeoutMs) == 1 && read(fds[0], buffer, sizeof buffer) > 0;
     return close(fds[0]), ready;
   }
   int Stop(int signal = SIGTERM) {  // the exit code, or -1
-    if (m_pid > 0) kill(m_pid, signal);
-    const int code = WaitExit(m_pid);
-    return m_pid = -1, code;
+    const int code = pid > 0 && kill(pid, signal) == 0 ? WaitExit(pid) : -1;
+    return pid = -1, code;
   }
-
- private:
-  pid_t m_pid = -1;
+  pid_t pid = -1;
 };
 
 }  // namespace shmtest
