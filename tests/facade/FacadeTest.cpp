@@ -300,9 +300,9 @@ TEST_F(FacadeTest, TypedTemplatesAndStructFieldsPassKeysTypesLengthsAndBytes) {
   EXPECT_EQ((std::vector<std::string>{"hi", std::string("\x02\x01", 2)}), fake->written);
   EXPECT_EQ(0u, varlok.WriteTagInner(g_sessionCounter, handle));
   EXPECT_EQ(1u, log.CountOf(warn, "not found " + std::to_string(g_sessionCounter), "ZelVarlok_p::WriteVar"));
-  // A failed guard keeps the record; the same key later uses it.
+  // A failed guard keeps the record (pointing at the caller's variable); the same key later uses it.
   fake->codes["WriteTagValue"] = 0;
-  EXPECT_EQ(ERR_INVALID_TAG_HANDLE, varlok.WriteTagValues(nullptr, int32_t{5}));
+  EXPECT_EQ(ERR_INVALID_TAG_HANDLE, varlok.WriteTagValues(nullptr, number = 5));
   EXPECT_EQ(0u, varlok.WriteTagInner(g_sessionCounter, handle));
   EXPECT_EQ((std::vector<std::string>{std::string("\x05\0\0\0", 4)}), fake->written);
   // Struct bytes are copied only when the backend succeeded.
