@@ -78,6 +78,11 @@ unsigned int TagsManager::InitTagsManagerPrivate(symbols::TagsConfig* config) {
   // again after that has nothing left to add.
   const bool filled = tagsConfig == config && m_pTagListHead != nullptr;
   tagsConfig = config;
+  // Array bounds are registered under the document's id when the tree is
+  // expanded, and looked up under the manager's: the two must agree first.
+  if (config != nullptr && config->symbolConfiguration != nullptr) {
+    config->symbolConfiguration->SetInstanceId(instanceId);
+  }
   if (!filled) {
     const unsigned int code = InitTagsNodeHashByConf();
     if (code != 0) {

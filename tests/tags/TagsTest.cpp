@@ -26,7 +26,8 @@ std::string SymbolFile(const std::string& types, const std::string& variables) {
          variables + "</Node></Node></NodeList>\n</Symbolconfiguration>\n";
 }
 
-// Reads content as a symbol file under instanceId and fills a manager with it.
+// Reads content as a symbol file and fills a manager of that instance id with it;
+// the manager gives the document its id, as the backends rely on.
 std::unique_ptr<TagsManager> FilledManager(const std::string& content, uint32_t instanceId) {
   const std::string path = "/tmp/qv-tags-" + std::to_string(getpid()) + ".xml";
   std::ofstream(path, std::ios::binary) << content;
@@ -35,7 +36,6 @@ std::unique_ptr<TagsManager> FilledManager(const std::string& content, uint32_t 
   std::filesystem::remove(path);
   EXPECT_NE(config, nullptr) << "read failed with 0x" << std::hex << code;
   if (config == nullptr) return nullptr;
-  config->symbolConfiguration->SetInstanceId(instanceId);
   auto manager = std::make_unique<TagsManager>();
   manager->SetInstanceId(instanceId);
   EXPECT_EQ(manager->InitTagsManagerPrivate(config), 0u);
