@@ -12,7 +12,7 @@ bash "$ROOT/scripts/install-deps.sh"
 
 cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DQORVARLOK_BUILD_TESTS=OFF -DQORVARLOK_BUILD_BENCH=OFF
-cmake --build "$BUILD" -j"$JOBS" --target varlok
+cmake --build "$BUILD" -j"$JOBS" --target varlok varlok-sim
 
 VARLOK="$BUILD/tools/varlok/varlok"
 # The library logs under ./varloklogs/ of the current directory.
@@ -39,10 +39,39 @@ show describe 0 0x10000403 0x10000104 0x12000007 1
 printf '\n$ varlok browse /nonexistent.xml   (a bad file: exit code and text)\n'
 "$VARLOK" browse /nonexistent.xml || echo "exit code $?"
 
-# == Against a running controller
-# The shared-memory demo goes here: start the simulator on $DEMO_XML in the
-# background and remember its pid, then read, write and read back, and
-# watch for a few seconds with $VARLOK; stop the simulator by that pid.
+echo
+echo "== Against a running controller: varlok-sim with the demo task"
+SIM="$BUILD/tools/varlok-sim/varlok-sim"
+PARTITION="varlok-demo-$$"
+READY="$BUILD/varlok-sim.ready"
+rm -f "$READY"
+"$SIM" --symbols "$DEMO_XML" --partition "$PARTITION" --demo >"$READY" 2>"$BUILD/varlok-sim.log" &
+SIM_PID=$!
+# Stop the simulator we started, by its pid, whatever happens below.
+stop_sim() {
+  if kill -0 "$SIM_PID" 2>/dev/null; then
+    kill -TERM "$SIM_PID"
+    wait "$SIM_PID" || true
+  fi
+}
+trap stop_sim EXIT
+for _ in $(seq 1 100); do
+  grep -q '^ready' "$READY" 2>/dev/null && break
+  kill -0 "$SIM_PID" 2>/dev/null || { cat "$BUILD/varlok-sim.log" >&2; exit 1; }
+  sleep 0.1
+done
+grep -q '^ready' "$READY" || { echo "varlok-sim did not become ready" >&2; exit 1; }
+echo "varlok-sim serves partition $PARTITION (pid $SIM_PID)"
 
+LIVE=(--symbols "$DEMO_XML" --partition "$PARTITION")
+show read "${LIVE[@]}" App.GVL.counter App.GVL.sine App.GVL.toggle App.GVL.message App.GVL.counters
+show write "${LIVE[@]}" "App.GVL.message=hello from the demo" "App.GVL.counters[2]=42"
+show read "${LIVE[@]}" App.GVL.message "App.GVL.counters[2]" App.GVL.counters
+show watch "${LIVE[@]}" --interval 250 --count 12 App.GVL.counter App.GVL.sine App.GVL.toggle
+
+stop_sim
+trap - EXIT
+echo
+echo "varlok-sim stopped; its log: $BUILD/varlok-sim.log"
 echo
 echo "Log of this demo: $BUILD/varloklogs/varlok/Varlok.log"
