@@ -96,7 +96,7 @@ inline void WriteSwap(uint8_t* area, uint8_t rw, uint8_t seq, uint32_t handle, c
   slot::Store<uint32_t>(area, slot::kSwapSize, static_cast<uint32_t>(entries.size()));
   slot::Store<uint32_t>(area, slot::kSwapHandle, handle);
   for (size_t i = 0; i < entries.size(); ++i) slot::Store<uint32_t>(area, slot::kSwapEntries + 4 * i, entries[i]);
-  std::memcpy(area + slot::kSwapEntries + 4 * entries.size(), values.data(), values.size());
+  if (!values.empty()) std::memcpy(area + slot::kSwapEntries + 4 * entries.size(), values.data(), values.size());
 }
 inline void WriteConnect(uint8_t* area, uint32_t flag, uint32_t seq) {
   const uint32_t fields[4] = {flag, seq, 1000, 0};  // Flag, Seq, beat, errInfo
