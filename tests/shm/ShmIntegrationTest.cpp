@@ -137,6 +137,35 @@ TEST_F(ShmIntegration, ListOperationsInEveryFormWithSlotBytes) {
   EXPECT_EQ(number, Slot<uint32_t>(Channel::Notify, 12));
 }
 
+// Arrays and structures move as raw bytes; a range write carries the four-entry descriptor.
+TEST_F(ShmIntegration, ArraysRangesAndStructuresMoveAsRawBytes) {
+  Connect();
+  HTAGLIST arr = Define({"App.GVL.cnt"}), pt = Define({"App.GVL.pt"});
+  std::array<int32_t, 10> all{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, back{};
+  std::array<int32_t, 2> part{70, 80};
+  std::array<int32_t, 3> slice{};
+  ASSERT_EQ(0u, varlok->WriteArray(arr, 4, all.data(), 0, 0));
+  ASSERT_EQ(0u, varlok->WriteArray(arr, 4, part.data(), 7, 2));
+  // Size 4; entries 0, start, bytes, element length; then just the written elements.
+  EXPECT_EQ((std::vector<uint32_t>{4, 0, 7, 8, 4, 70, 80}),
+            (std::vector<uint32_t>{Swap(7), Swap(15), Swap(19), Swap(23), Swap(27), Swap(31), Swap(35)}));
+  ASSERT_EQ(0u, varlok->ReadArray(arr, 4, back.data(), 0, 0));
+  EXPECT_EQ((std::array<int32_t, 10>{0, 1, 2, 3, 4, 5, 6, 70, 80, 9}), back);
+  EXPECT_EQ(0u, varlok->ReadArray(arr, 4, slice.data(), 6, 3));
+  EXPECT_EQ((std::array<int32_t, 3>{6, 70, 80}), slice);
+  EXPECT_EQ(ERR_OVERSTEP_ACCESS, varlok->ReadArray(arr, 4, slice.data(), 8, 3));
+  EXPECT_EQ(ERR_OVERSTEP_ACCESS, varlok->WriteArray(arr, 4, part.data(), 9, 2));
+  EXPECT_EQ(ERR_UNMATCH_TYPE_PARA, varlok->ReadArray(arr, 2, back.data(), 0, 0));
+  EXPECT_EQ(80, Image<int32_t>("App.GVL.cnt[8]"));
+  int32_t point[2] = {11, -12}, got[2] = {};
+  EXPECT_EQ(0u, varlok->WriteStructField(pt, point, 8));
+  EXPECT_EQ(0u, varlok->ReadStructField(pt, got, 8));
+  EXPECT_EQ((std::make_pair(11, -12)), std::make_pair(got[0], got[1]));
+  EXPECT_EQ(-12, Image<int32_t>("App.GVL.pt.y"));
+  EXPECT_EQ(ERR_UNALIGNED_STRUCT, varlok->ReadStructField(pt, got, 4));
+  EXPECT_EQ(ERR_UNMATCH_TYPE_PARA, varlok->ReadStructField(arr, got, 40));
+}
+
 TEST_F(ShmManyTags, FailedChecksSendNothingAndRefusalsWriteNothing) {
   Connect();
   HTAGLIST mixed = Define({"App.GVL.counter", "App.GVL.wo"}), ro = Define({"App.GVL.ro", "App.GVL.speed"}),
