@@ -8,6 +8,7 @@
 
 #include "QorVarlok/ZelVarlok.h"
 #include "VarlokLog.h"
+#include "VarlokTypes.h"
 
 namespace qorvarlok::tags {
 
@@ -34,31 +35,10 @@ uint64_t bitsOf(T value) {
   return bits;
 }
 
-// The width a fixed-size type stores; 0 for strings and types with no text form.
+// The width a fixed-size type stores: the element width, but 0 for strings,
+// which take the tag's own size, and for types with no text form.
 int fixedWidth(int type) {
-  switch (type) {
-    case TAG_TYPE_BOOL:
-    case TAG_TYPE_BYTE:
-    case TAG_TYPE_SINT:
-      return 1;
-    case TAG_TYPE_WORD:
-    case TAG_TYPE_INT:
-      return 2;
-    case TAG_TYPE_DWORD:
-    case TAG_TYPE_DINT:
-    case TAG_TYPE_REAL:
-    case TAG_TYPE_TIME:
-    case TAG_TYPE_DATE:
-    case TAG_TYPE_TIME_OF_DAY:
-    case TAG_TYPE_DATE_AND_TIME:
-      return 4;
-    case TAG_TYPE_LWORD:
-    case TAG_TYPE_LINT:
-    case TAG_TYPE_LREAL:
-      return 8;
-    default:
-      return 0;
-  }
+  return type == TAG_TYPE_STRING || type == TAG_TYPE_WSTRING ? 0 : qorvarlok::baseByteLength(type);
 }
 
 // The bits of a fixed-width value; throws what std::stoi/stof/stod throw.
