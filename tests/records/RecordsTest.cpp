@@ -1,10 +1,8 @@
-// The shared records and conversions: type codes from the symbol file's
-// names, variable kinds, access types, element widths, tagTagDesc and
-// tagTagVarValue with their defaults and deep copies.
+// The shared records and the description lookup: every row's bytes in both
+// languages, line errors, unknown codes, the conversions and a default record.
 #include <gtest/gtest.h>
+#include <iconv.h>
 
-#include <cstring>
-#include <memory>
 #include <string>
 
 #include "QorVarlok/ZelVarlok.h"
@@ -12,98 +10,153 @@
 
 namespace {
 
-using qorvarlok::baseByteLength;
-using qorvarlok::toAccessType;
-using qorvarlok::toTagTypeCode;
-using qorvarlok::toVarKind;
+// The expected texts are written here in UTF-8; the library holds them in GBK.
+std::string toGbk(const std::string& utf8) {
+  iconv_t cd = iconv_open("GBK", "UTF-8");
+  if (cd == reinterpret_cast<iconv_t>(-1)) return "<no GBK converter>";
+  std::string out(utf8.size() * 2 + 1, '\0');
+  char* in = const_cast<char*>(utf8.data());
+  char* outPtr = &out[0];
+  size_t inLeft = utf8.size(), outLeft = out.size();
+  const size_t r = iconv(cd, &in, &inLeft, &outPtr, &outLeft);
+  iconv_close(cd);
+  EXPECT_NE(r, static_cast<size_t>(-1)) << "not convertible to GBK: " << utf8;
+  out.resize(out.size() - outLeft);
+  return out;
+}
 
-struct TypeCase {
-  const char* typeClass;
-  const char* pouClass;
-  const char* iecName;
-  int expected;
+std::string describe(int language, unsigned int code) {
+  qorvarlok::SetVarlokLanguage(language);
+  const char* t = ReadErrorDescription(code);
+  qorvarlok::SetVarlokLanguage(0);  // the library starts in Chinese; leave it so
+  return t == nullptr ? "<null>" : t;
+}
+
+struct Row {
+  unsigned int code;
+  const char* chinese;
+  const char* english;
 };
 
-TEST(Conversions, TypeCodeOfEveryNameAndClass) {
-  const TypeCase cases[] = {
-      {"Bool", nullptr, "BOOL", 0},        {"Byte", nullptr, "BYTE", 1},
-      {"USInt", nullptr, "USINT", 1},      {"Word", nullptr, "WORD", 2},
-      {"UInt", nullptr, "UINT", 2},        {"DWord", nullptr, "DWORD", 3},
-      {"UDInt", nullptr, "UDINT", 3},      {"LWord", nullptr, "LWORD", 4},
-      {"ULInt", nullptr, "ULINT", 4},      {"SInt", nullptr, "SINT", 5},
-      {"Int", nullptr, "INT", 6},          {"DInt", nullptr, "DINT", 7},
-      {"LInt", nullptr, "LINT", 8},        {"Subrange", nullptr, "SR", 9},
-      {"Real", nullptr, "REAL", 10},       {"LReal", nullptr, "LREAL", 11},
-      {"Enum", nullptr, "E_MODE", 12},     {"Array", nullptr, "ARRAY", 14},
-      {"String", nullptr, "STRING", 17},   {"WString", nullptr, "WSTRING", 18},
-      {"Time", nullptr, "TIME", 19},       {"Date", nullptr, "DATE", 20},
-      {"TimeOfDay", nullptr, "TOD", 21},   {"Tod", nullptr, "TOD", 21},
-      {"DateAndTime", nullptr, "DT", 22},  {"Dt", nullptr, "DT", 22},
-      {"Pointer", nullptr, "POINTER", 23}, {"Reference", nullptr, "REF", 24},
-      {"Bit", nullptr, "BIT", 25},
-      // Userdef: the POU class decides; the IEC name only for a reference.
-      {"Userdef", "UNION", "U", 13},
-      {"Userdef", "STRUCTURE", "S", 15},
-      {"Userdef", "FUNCTION_BLOCK", "FB", 16},
-      {"Userdef", "STRUCTURE", "TYPE_REFERENCE", 15},
-      {"Userdef", nullptr, "TYPE_REFERENCE", 24},
-      {"Userdef", nullptr, "POINT", VARLOK_NOT_SET},
-      {"Userdef", nullptr, nullptr, VARLOK_NOT_SET},
-      {"Userdef", "PROGRAM", "P", VARLOK_NOT_SET},
-      {"Userdef", "structure", "S", VARLOK_NOT_SET},
-      // A class that is not Userdef ignores POU class and IEC name.
-      {"DInt", "STRUCTURE", "TYPE_REFERENCE", 7},
-      // Exact, case-sensitive names; null compares unequal to everything.
-      {"bool", nullptr, "BOOL", VARLOK_NOT_SET},
-      {"DINT", nullptr, "DINT", VARLOK_NOT_SET},
-      {"Union", nullptr, "U", VARLOK_NOT_SET},
-      {"Structure", nullptr, "S", VARLOK_NOT_SET},
-      {"TIME_OF_DAY", nullptr, "TOD", VARLOK_NOT_SET},
-      {"DInt ", nullptr, "DINT", VARLOK_NOT_SET},
-      {"", nullptr, "", VARLOK_NOT_SET},
-      {nullptr, nullptr, nullptr, VARLOK_NOT_SET},
-      {nullptr, "STRUCTURE", "TYPE_REFERENCE", VARLOK_NOT_SET},
-  };
-  for (const TypeCase& c : cases) {
-    EXPECT_EQ(toTagTypeCode(c.typeClass, c.pouClass, c.iecName), c.expected)
-        << (c.typeClass ? c.typeClass : "(null)") << " / " << (c.pouClass ? c.pouClass : "(null)") << " / "
-        << (c.iecName ? c.iecName : "(null)");
+// The whole table in its order, slips and the trailing blank included.
+const Row kRows[] = {
+    {ERR_MAINCLIENT_INIT_FAILED, "初始化客户端通信失败", "Initialize client communication failed"},
+    {ERR_COMMUNICATION_NOT_INITIALIZED, "对象没有初始化化，需要调用InitializeCom", "The communication has not been initialized"},
+    {ERR_TOO_MANY_GW_CLIENTS, "连接个数超限", "There is too many connections"},
+    {ERR_CONNECT_FAILED, "通信连接失败,1.PLC未启动或异常关闭 2.TCP网络不通", "Connect failed,Maybe the network is not working"},
+    {ERR_NOT_CONNECTED, "通信连接断开,需重新建立连接", "Communication has been closed,please connect again"},
+    {ERR_INVALID_GW_CONNECTION, "网关未连接或者已经断开,需要重新连接", "Gateway has not been connected or been closed,please connect again"},
+    {ERR_CURRENTCOM_EXIST, "当前对象已初始化，无需再次初始化", "Initialize Failed,current object had been initialized"},
+    {ERR_MISMATCH_COMTYPE, "连接方式与不匹配", "Comtype is not match with para."},
+    {ERR_INSUFFICIENT_SHMAREA_SIZE, "分配的共享内存空间不足", "Share memory is not enought."},
+    {ERR_SHMAREA_INIT_FAILED, "共享内存映射失败，请检查共享内存配置是否正确", "Share memory mapped failed,please check whether the share memory configuration correct."},
+    {ERR_WAIT_TIMEOUT, "等待超时，可能连接已经断开", "Wait timeout, maybe connection has been closed"},
+    {ERR_VENDER_NOT_MATCHED, "连接PLC厂商不匹配", "The vendor of PLC to connect is unmatched"},
+    {ERR_USER_NAME_OR_PASSWORD, "用户名或者密码错误", "Wrong user name or password"},
+    {ERR_RTOS_SEND_EVENT_FAILED, "RTOS发送共享内存事件失败", "Send rtos event to PLC failed"},
+    {ERR_RTOS_RECV_EVENT_FAILED, "RTOS接收共享内存事件失败", "Receive rtos event from PLC failed"},
+    {ERR_PLC_CONNECT_FAILED, "连接PLC失败", "Connect to PLC failed"},
+    {ERR_PLC_DEFINE_FAILED, "创建或删除标签失败", "Define or Delete TagList in PLC is failed"},
+    {ERR_PLC_READ_WRITE_FAILED, "读写数据失败", "Read or Write data in PLC is failed"},
+    {ERR_PLC_INVALID_SEQUENCE, "使用无效的序列号读写数据", "Read or Write data with invalid sequence id"},
+    {ERR_PLC_INVALID_HANDLE, "读写数据所用的标签句柄是无效的", "Read or Write data with invalid tag handle"},
+    {ERR_PLC_INVALID_HANDLE_ID, "使用无效的标签句柄ID读写数据", "Read or Write data with invalid tag handle id"},
+    {ERR_XML_ILLEGL_XML_FORMAT, "符号配置文件不是XML文件格式", "The symbol configuration file is not valid xml"},
+    {ERR_XML_NO_SYMB_MARK, "符号配置文件没有符号信息开始标识", "The symbol configuration file dose not has a symbol beginning mark"},
+    {ERR_XML_NO_HEADER, "符号配置文件没有头部信息", "The symbol configuration file dose not has a header"},
+    {ERR_INVALID_TAG_HANDLE, "无效的标签句柄", "Invalid tag handle"},
+    {ERR_XML_NOT_EXIST, "符号配置文件不存在", "The symbol configuration is not exist"},
+    {ERR_XML_TYPE_DEF_ERROR, "符号配置标签类型不正确", "The symbol configuration has an error type definition"},
+    {ERR_XML_LINE_ERROR, "符号配置文件行错误(%d 行)", "The symbol configuration file has a line error(Line %d)"},
+    {ERR_EXIST_INVAILD_VAR, "注册变量和PLC中符号不匹配", "The variables definition is unmatched to the PLC"},
+    {ERR_INVALID_DEVICE_CLIENT, "通讯未建立，需要建立连接", "Invalid client, please connect again"},
+    {ERR_INVALID_VAR_DEFS, "无效句柄，请注册句柄(CreateTagsHandle )", "Invalid variables definition, please define again"},
+    {ERR_REF_TYPE_NO_WRITING, "不能写入引用类型变量", "No writing to reference type variables"},
+    {ERR_TAG_NO_ACCESS_RIGHTS, "存在变量无访问权限", "Exsit variables with no access rights"},
+    {ERR_TOO_MANY_TAGS, "注册句柄返回变量数量超过上限", "There is too many tags"},
+    {ERR_VACACCESS_TAGS_CHANGED, "符号变量定义发生变化,需要重新定义", "The variables definition is changed"},
+    {ERR_TOO_MUCH_DATA_WRITTEN, "写入的变量值数据太多", "Too much data written"},
+    {ERR_OVERSTEP_ACCESS, "PLC与上位数组长度不匹配，请检查数组是否会越界", "Array Access overstep,may bey the length of the arrays is too short."},
+    {ERR_UNALIGNED_STRUCT, "PLC与上位结构体长度不匹配，需要参考案例", "The boundary alignment between the structure and the PLC structure is inconsistent. Select the compatibility layout when exporting the symbol configuration"},
+    {ERR_UNMATCH_TYPE_PARA, "接口与定义的参数存在不匹配的类型", "Description The defined parameter contained a type that did not match the interface. "},
+    {ERR_UNMATCH_WITH_DEFINE, "上位定义变量的数据类型与PLC中变量的类型不匹配", "The defined parameter does not match the input"},
+    {ERR_READ_FAILED, "读数读取失败", "Reading failed"},
+    {ERR_WRITE_FAILED, "写入失败，可能存在异常的输入值", "Write failed. An abnormal input value may exist"},
+    {ERR_READ_WRITE_DENIED, "读写数据权限不正确", "Read Write data right is incorrect"},
+    {ERR_INVALID_PARAMS, "输入参数是无效的", "Input parameters are invalid"},
+};
+
+TEST(ErrorTable, EveryRowGivesItsBytesInBothLanguages) {
+  for (const Row& row : kRows) {
+    SCOPED_TRACE(::testing::Message() << std::hex << "code 0x" << row.code);
+    if (row.code == ERR_XML_LINE_ERROR) continue;  // a format, checked below
+    EXPECT_EQ(describe(0, row.code), toGbk(row.chinese));
+    EXPECT_EQ(describe(1, row.code), row.english);
   }
 }
 
-struct TextCase {
-  const char* text;
+TEST(ErrorTable, SuccessLineErrorsAndUnknownCodes) {
+  const Row cases[] = {
+      {ERR_NOERROR, "无错误", "not an error"},
+      {0x12000000u | 7u, "符号配置文件行错误(7 行)", "The symbol configuration file has a line error(Line 7)"},
+      // Only the two flag bits are cleared.
+      {0x13000005u, "符号配置文件行错误(16777221 行)", "The symbol configuration file has a line error(Line 16777221)"},
+      {ERR_UNDEFINED, "未定义错误码(ID:1)", "Undefined error(ID:1)"},
+      {ERR_INVALID_COMTYPE, "未定义错误码(ID:1000010a)", "Undefined error(ID:1000010a)"},
+      {0x02000000u, "未定义错误码(ID:2000000)", "Undefined error(ID:2000000)"},
+  };
+  for (const Row& c : cases) {
+    SCOPED_TRACE(::testing::Message() << std::hex << "code 0x" << c.code);
+    EXPECT_EQ(describe(0, c.code), toGbk(c.chinese));
+    EXPECT_EQ(describe(1, c.code), c.english);
+  }
+  EXPECT_EQ(std::string(ReadErrorDescription(0)), "\xCE\xDE\xB4\xED\xCE\xF3");  // Chinese by default
+}
+
+struct Conversion {
+  const char* what;
+  int got;
   int expected;
 };
 
-TEST(Conversions, VarKinds) {
-  const TextCase cases[] = {{"VAR", 0},         {"VAR_INPUT", 1},  {"VAR_OUTPUT", 2},
-                            {"VAR_IN_OUT", 3},  {"var", 32767},    {"VAR_TEMP", 32767},
-                            {"VAR_IN", 32767},  {"", 32767},       {nullptr, 32767}};
-  for (const TextCase& c : cases) EXPECT_EQ(toVarKind(c.text), c.expected) << (c.text ? c.text : "(null)");
-}
-
-TEST(Conversions, AccessTypes) {
-  const TextCase cases[] = {{"Read", 0},          {"Write", 1},         {"ReadWrite", 2},
-                            {"READWRITE", 32767}, {"read", 32767},      {"ReadWriteX", 32767},
-                            {"Read ", 32767},     {"", 32767},          {nullptr, 32767}};
-  for (const TextCase& c : cases) EXPECT_EQ(toAccessType(c.text), c.expected) << (c.text ? c.text : "(null)");
-}
-
-TEST(Conversions, ElementWidthOfEveryTypeCode) {
-  // Index is the type code 0..25; strings count their fixed slot, whatever their declared length.
-  const int widths[26] = {1, 1, 2, 4, 8, 1, 2, 4, 8, 0, 4, 8, 0, 0, 0, 0, 0, 81, 162, 4, 4, 4, 4, 0, 0, 0};
-  for (int code = 0; code < 26; ++code) EXPECT_EQ(baseByteLength(code), widths[code]) << "type code " << code;
-  for (int code : {VARLOK_NOT_SET, -1, 26, 1000}) EXPECT_EQ(baseByteLength(code), 0) << "type code " << code;
-}
-
-TEST(Records, ConstantsAndEnumerations) {
-  EXPECT_EQ(MAX_NAME_LEN, 255);
-  EXPECT_EQ(MAX_VALUE_LEN, 1024);
-  EXPECT_EQ(static_cast<int>(COM_TYPE_TCP), 1);
-  EXPECT_EQ(static_cast<int>(COM_TYPE_LOCAL), 2);
-  EXPECT_EQ(sizeof(ComType), 4u);
-  EXPECT_EQ(sizeof(HTAGLIST), sizeof(void*));
+TEST(Conversions, EdgeCases) {
+  using namespace qorvarlok;
+  const Conversion cases[] = {
+      {"Bool", toTagTypeCode("Bool", nullptr, "BOOL"), 0},
+      {"LInt", toTagTypeCode("LInt", nullptr, "LINT"), 8},
+      {"Tod alias", toTagTypeCode("Tod", nullptr, "TOD"), 21},
+      {"Dt alias", toTagTypeCode("Dt", nullptr, "DT"), 22},
+      {"Bit", toTagTypeCode("Bit", nullptr, "BIT"), 25},
+      {"Userdef UNION", toTagTypeCode("Userdef", "UNION", "U"), 13},
+      {"Userdef STRUCTURE wins over the name", toTagTypeCode("Userdef", "STRUCTURE", "TYPE_REFERENCE"), 15},
+      {"Userdef FUNCTION_BLOCK", toTagTypeCode("Userdef", "FUNCTION_BLOCK", "FB"), 16},
+      {"Userdef reference by name", toTagTypeCode("Userdef", nullptr, "TYPE_REFERENCE"), 24},
+      {"Userdef without class", toTagTypeCode("Userdef", nullptr, "POINT"), VARLOK_NOT_SET},
+      {"Userdef lower-case class", toTagTypeCode("Userdef", "structure", "S"), VARLOK_NOT_SET},
+      {"plain class ignores POU class", toTagTypeCode("DInt", "STRUCTURE", "TYPE_REFERENCE"), 7},
+      {"case-sensitive", toTagTypeCode("DINT", nullptr, "DINT"), VARLOK_NOT_SET},
+      {"trailing blank", toTagTypeCode("DInt ", nullptr, "DINT"), VARLOK_NOT_SET},
+      {"null class", toTagTypeCode(nullptr, "STRUCTURE", "TYPE_REFERENCE"), VARLOK_NOT_SET},
+      {"VAR_IN_OUT", toVarKind("VAR_IN_OUT"), 3},
+      {"VAR_OUTPUT", toVarKind("VAR_OUTPUT"), 2},
+      {"var", toVarKind("var"), 32767},
+      {"VAR_TEMP", toVarKind("VAR_TEMP"), 32767},
+      {"null kind", toVarKind(nullptr), 32767},
+      {"Write", toAccessType("Write"), 1},
+      {"ReadWrite", toAccessType("ReadWrite"), 2},
+      {"READWRITE", toAccessType("READWRITE"), 32767},
+      {"null access", toAccessType(nullptr), 32767},
+      {"width Bool", baseByteLength(0), 1},
+      {"width LReal", baseByteLength(11), 8},
+      {"width String", baseByteLength(17), 81},
+      {"width WString", baseByteLength(18), 162},
+      {"width DateAndTime", baseByteLength(22), 4},
+      {"width Structure", baseByteLength(15), 0},
+      {"width of a code past the end", baseByteLength(26), 0},
+      {"width of not-set", baseByteLength(VARLOK_NOT_SET), 0},
+      {"width of a negative code", baseByteLength(-1), 0},
+  };
+  for (const Conversion& c : cases) EXPECT_EQ(c.got, c.expected) << c.what;
 }
 
 TEST(Records, DefaultTagDescIsNotSetRatherThanBool) {
@@ -112,127 +165,8 @@ TEST(Records, DefaultTagDescIsNotSetRatherThanBool) {
   EXPECT_EQ(d.FullName, nullptr);
   EXPECT_EQ(d.Comment, nullptr);
   EXPECT_EQ(d.TagsHandle, nullptr);
-  EXPECT_EQ(d.Type, 32767);
-  EXPECT_EQ(d.AccessType, 32767);
-  EXPECT_EQ(d.VarType, 32767);
-  EXPECT_EQ(d.BaseType, 32767);
-  EXPECT_EQ(d.Size, 0);
-  EXPECT_EQ(d.MinValue, 0);
-  EXPECT_EQ(d.MaxValue, 0);
-  EXPECT_EQ(d.EnumValue, 0);
-}
-
-TEST(Records, DefaultTagVarValue) {
-  const tagTagVarValue v;
-  EXPECT_EQ(v.FullName, nullptr);
-  EXPECT_EQ(v.Type, 32767);
-  EXPECT_EQ(v.ValueLength, 0);
-  EXPECT_EQ(v.Value, nullptr);
-}
-
-// A filled record whose strings live on the heap, as the tree's do.
-tagTagDesc makeDesc(const char* name, const char* fullName, const char* comment) {
-  tagTagDesc d;
-  d.Name = tagTagDesc::dupString(name);
-  d.FullName = tagTagDesc::dupString(fullName);
-  d.Comment = tagTagDesc::dupString(comment);
-  d.Type = TAG_TYPE_ARRAY;
-  d.Size = 48;
-  d.AccessType = ACCESS_READ;
-  d.VarType = VAR_KIND_OUTPUT;
-  d.BaseType = TAG_TYPE_STRUCTURE;
-  d.MinValue = -5;
-  d.MaxValue = 9;
-  d.EnumValue = 3;
-  d.TagsHandle = &d;
-  return d;
-}
-
-void expectSameFields(const tagTagDesc& copy, const tagTagDesc& source) {
-  EXPECT_EQ(copy.Type, source.Type);
-  EXPECT_EQ(copy.Size, source.Size);
-  EXPECT_EQ(copy.AccessType, source.AccessType);
-  EXPECT_EQ(copy.VarType, source.VarType);
-  EXPECT_EQ(copy.BaseType, source.BaseType);
-  EXPECT_EQ(copy.MinValue, source.MinValue);
-  EXPECT_EQ(copy.MaxValue, source.MaxValue);
-  EXPECT_EQ(copy.EnumValue, source.EnumValue);
-  EXPECT_EQ(copy.TagsHandle, source.TagsHandle);  // the one field that points back, not copied deep
-}
-
-TEST(Records, CopiesOwnTheirStrings) {
-  auto source = std::make_unique<tagTagDesc>(makeDesc("grid", "App.GVL.grid", "\xE7\xBD\x91\xE6\xA0\xBC"));
-  const void* handle = source->TagsHandle;
-  tagTagDesc copy(*source);
-  EXPECT_NE(copy.Name, source->Name);
-  EXPECT_NE(copy.FullName, source->FullName);
-  EXPECT_NE(copy.Comment, source->Comment);
-  expectSameFields(copy, *source);
-  source.reset();  // the copy must outlive what it came from
-  EXPECT_STREQ(copy.Name, "grid");
-  EXPECT_STREQ(copy.FullName, "App.GVL.grid");
-  EXPECT_STREQ(copy.Comment, "\xE7\xBD\x91\xE6\xA0\xBC");
-  EXPECT_EQ(copy.TagsHandle, handle);
-}
-
-TEST(Records, NullStringsStayNullInCopies) {
-  tagTagDesc source;
-  source.Name = tagTagDesc::dupString("x");
-  const tagTagDesc copy(source);
-  EXPECT_STREQ(copy.Name, "x");
-  EXPECT_EQ(copy.FullName, nullptr);
-  EXPECT_EQ(copy.Comment, nullptr);
-}
-
-TEST(Records, AssignmentReplacesAndSurvivesSelf) {
-  tagTagDesc target = makeDesc("old", "App.old", nullptr);
-  const tagTagDesc source = makeDesc("new", "App.new", "c");
-  target = source;
-  EXPECT_STREQ(target.Name, "new");
-  EXPECT_STREQ(target.FullName, "App.new");
-  EXPECT_STREQ(target.Comment, "c");
-  EXPECT_NE(target.Name, source.Name);
-  expectSameFields(target, source);
-
-  const char* before = target.FullName;
-  tagTagDesc& alias = target;
-  target = alias;
-  EXPECT_EQ(target.FullName, before);
-  EXPECT_STREQ(target.FullName, "App.new");
-}
-
-TEST(Records, ReleaseNullsEveryString) {
-  tagTagDesc d = makeDesc("a", "b", "c");
-  d.releaseStrings();
-  EXPECT_EQ(d.Name, nullptr);
-  EXPECT_EQ(d.FullName, nullptr);
-  EXPECT_EQ(d.Comment, nullptr);
-  d.releaseStrings();  // twice is harmless
-}
-
-TEST(Records, ArrayOfDeepCopiesOutlivesItsSource) {
-  // As the symbol browsing hands records out: array new, each element a deep copy.
-  tagTagDesc* array = nullptr;
-  {
-    const tagTagDesc first = makeDesc("speed", "App.GVL.speed", "motor speed");
-    const tagTagDesc second = makeDesc(".x", "App.GVL.grid.x", nullptr);
-    array = new tagTagDesc[2];
-    array[0] = first;
-    array[1] = second;
-  }
-  EXPECT_STREQ(array[0].FullName, "App.GVL.speed");
-  EXPECT_STREQ(array[0].Comment, "motor speed");
-  EXPECT_STREQ(array[1].Name, ".x");
-  EXPECT_EQ(array[1].Comment, nullptr);
-  delete[] array;
-}
-
-TEST(Records, DupStringOfNullAndEmpty) {
-  EXPECT_EQ(tagTagDesc::dupString(nullptr), nullptr);
-  char* empty = tagTagDesc::dupString("");
-  ASSERT_NE(empty, nullptr);
-  EXPECT_EQ(empty[0], '\0');
-  delete[] empty;
+  for (int field : {d.Type, d.AccessType, d.VarType, d.BaseType}) EXPECT_EQ(field, 32767);
+  for (int field : {d.Size, d.MinValue, d.MaxValue, d.EnumValue}) EXPECT_EQ(field, 0);
 }
 
 }  // namespace
