@@ -38,7 +38,7 @@ run_tests() {
 programs_with_label() {
   local dir="$1" label="$2"
   ctest --test-dir "$dir" -L "$label" --show-only=json-v1 |
-    tr -d '\n ' | grep -o '"command":\["[^"]*"' | sed 's/.*\["//; s|.*/||' | sort -u
+    tr -d '\n ' | grep -o '"command":\["[^"]*"' | sed 's/.*\["//; s/"$//; s|.*/||' | sort -u
 }
 
 step "plain build (warnings as errors)"
