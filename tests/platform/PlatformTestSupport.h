@@ -68,7 +68,7 @@ pid_t Spawn(F body) {
 // A child that acquires something with setUp (a controller, a held mutex) and
 // holds it until SIGKILL, or SIGUSR1 for a clean end. -1 if not ready in 3 s.
 template <typename F>
-pid_t SpawnHolder(F setUp) {
+pid_t SpawnHolderOnce(F& setUp) {
   int fds[2];
   if (pipe(fds) != 0) return -1;
   const pid_t pid = Spawn([&] {
@@ -87,6 +87,15 @@ pid_t SpawnHolder(F setUp) {
   if (ok) return pid;
   WaitChild(pid, 0);
   return -1;
+}
+
+// A child forked while another thread of this process (the logger's) holds a
+// runtime lock can hang before it is ready; a fresh fork gets past that.
+template <typename F>
+pid_t SpawnHolder(F setUp) {
+  pid_t pid = -1;
+  for (int attempt = 0; attempt < 3 && pid <= 0; ++attempt) pid = SpawnHolderOnce(setUp);
+  return pid;
 }
 
 // A controller with small areas (512, 4096, 8192 bytes) in the current partition.
