@@ -51,7 +51,9 @@ class TagConfig {
   ~TagConfig() {
     VLOG(info, "TagConfig::~TagConfig", "delete TagConfig");
     if (handle != nullptr) {
-      Released().Keep(handle);
+      // A tree that a tags manager holds is the manager's to free: keeping it
+      // here as well would free it twice at exit.
+      if (!heldByManager) Released().Keep(handle);
       handle = nullptr;
       valid = false;
     }
@@ -62,19 +64,25 @@ class TagConfig {
   std::wstring path;
   bool valid;
   TagsConfig* handle;
+  bool heldByManager = false;
 };
 
 class Registry {
  public:
-  // The released trees must outlive the registry, whose entries hand their trees over at exit.
+  // The keeper is made first, so that entries released late still find it.
   Registry() { Released(); }
   std::mutex mutex;
   std::map<void*, std::shared_ptr<TagConfig>> entries;
+  // Trees that tags managers hold, with the number of managers holding each.
+  std::map<TagsConfig*, unsigned int> managerHolds;
 };
 
 Registry& TheRegistry() {
-  static Registry registry;
-  return registry;
+  // Never destroyed: a ZelVarlok that lives until static destruction lets its
+  // tree go after this function's statics would be gone. Released trees are
+  // still freed at exit, by their keeper.
+  static Registry* registry = new Registry();
+  return *registry;
 }
 
 // The last parse message: released by each reading, set by a failed one.
@@ -146,6 +154,34 @@ std::string LastParseMessage() {
   LastMessage& last = TheLastMessage();
   std::lock_guard<std::mutex> lock(last.mutex);
   return last.text ? std::string(last.text.get()) : std::string();
+}
+
+void AdoptSymbolConfig(TagsConfig* config) {
+  if (config == nullptr) return;
+  Registry& registry = TheRegistry();
+  std::lock_guard<std::mutex> lock(registry.mutex);
+  ++registry.managerHolds[config];
+  auto entry = registry.entries.find(config);
+  if (entry != registry.entries.end()) entry->second->heldByManager = true;
+}
+
+void DisposeSymbolConfig(TagsConfig* config) {
+  if (config == nullptr) return;
+  std::shared_ptr<TagConfig> entry;  // destroyed after the lock, like the tree
+  {
+    Registry& registry = TheRegistry();
+    std::lock_guard<std::mutex> lock(registry.mutex);
+    auto held = registry.managerHolds.find(config);
+    if (held != registry.managerHolds.end() && --held->second > 0) return;  // another manager still holds it
+    if (held != registry.managerHolds.end()) registry.managerHolds.erase(held);
+    auto open = registry.entries.find(config);
+    if (open != registry.entries.end()) {
+      entry = std::move(open->second);
+      entry->heldByManager = true;
+      registry.entries.erase(open);
+    }
+  }
+  delete config;
 }
 
 void ReclaimReleasedSymbolConfigs() { Released().Reclaim(); }

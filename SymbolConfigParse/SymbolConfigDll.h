@@ -6,6 +6,9 @@
 // the public header) keep one process-wide registry of open configurations
 // under a mutex of its own. A released configuration's tree stays allocated,
 // so that records a caller still holds stay readable.
+//
+// A tree that a tags manager holds belongs to the managers that hold it, not
+// to the registry: each tree is freed exactly once, whichever way it came.
 #pragma once
 
 #include <string>
@@ -20,6 +23,14 @@ TagsConfig* ReadSymbolConfig(const std::wstring& path, unsigned int* errorCode);
 // The message of the last failed reading, empty after a successful one. For
 // tools and tests: no export hands it out.
 std::string LastParseMessage();
+
+// A tags manager starts holding this tree. A tree of an open handle (given to
+// InitializeCom) is no longer the registry's to keep once released.
+void AdoptSymbolConfig(TagsConfig* config);
+// A tags manager stops holding this tree. The last holder frees it, and an
+// open handle of it goes with it: later use of that handle is refused as
+// released instead of reaching freed memory.
+void DisposeSymbolConfig(TagsConfig* config);
 
 // Frees the trees of every released configuration. Records taken from them
 // die with them: only for a process that knows it holds none (benchmarks,

@@ -134,8 +134,10 @@ bool IsReference(const VariableNode* variable, const UserDefElement* member) {
 }
 
 ArrayBoundsRegistry& GetArrayBoundsRegistry() {
-  static ArrayBoundsRegistry registry;
-  return registry;
+  // Never destroyed: a tags manager of a ZelVarlok that lives until static
+  // destruction erases its entry after this function's statics would be gone.
+  static ArrayBoundsRegistry* registry = new ArrayBoundsRegistry();
+  return *registry;
 }
 
 // --------------------------------------------------------- local encoding

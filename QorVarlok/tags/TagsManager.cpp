@@ -3,6 +3,7 @@
 #include <exception>
 #include <memory>
 
+#include "SymbolConfigDll.h"
 #include "VarlokLog.h"
 #include "VarlokTypes.h"
 
@@ -64,7 +65,7 @@ void TagsManager::releaseAll() {
   }
   for (auto& entry : tagsNodeHash) delete entry.second;
   tagsNodeHash.clear();
-  delete tagsConfig;
+  symbols::DisposeSymbolConfig(tagsConfig);
   tagsConfig = nullptr;
 }
 
@@ -77,6 +78,7 @@ unsigned int TagsManager::InitTagsManagerPrivate(symbols::TagsConfig* config) {
   // Only a successful fill makes the head: the same configuration given
   // again after that has nothing left to add.
   const bool filled = tagsConfig == config && m_pTagListHead != nullptr;
+  if (tagsConfig != config) symbols::AdoptSymbolConfig(config);
   tagsConfig = config;
   // Array bounds are registered under the document's id when the tree is
   // expanded, and looked up under the manager's: the two must agree first.
@@ -120,7 +122,7 @@ void TagsManager::ReleaseTagsNodeHash() {
     entry.second = nullptr;
   }
   tagsNodeHash.clear();
-  delete tagsConfig;
+  symbols::DisposeSymbolConfig(tagsConfig);
   tagsConfig = nullptr;
   VLOG(info, "TagsManager::ReleaseTagsNodeHash", "ReleaseTagsNodeHash");
 }

@@ -260,6 +260,12 @@ TEST_F(ShmIntegration, TwoClientProcessesShareTheChannels) {
   EXPECT_EQ(598, Image<int32_t>("App.GVL.speed"));
 }
 
+// A tree handed to InitializeCom is freed exactly once, however the program goes on and ends.
+TEST_F(ShmIntegration, HandedSymbolTreeIsFreedOnceHoweverTheProgramEnds) {
+  for (const char* mode : {"exit", "release", "two", "static"})
+    EXPECT_EQ(0, WaitExitWithin(Spawn({HANDED_TREE_PROGRAM, path, mode}), 20000)) << mode;
+}
+
 TEST_F(ShmSlow, HeldMutexSilentAndVanishingChannelsGiveTheirCodesWithinTheirBudgets) {
   Connect();
   HTAGLIST h = Define({"App.GVL.counter"});

@@ -29,6 +29,24 @@ inline int WaitExit(pid_t pid) {  // the exit code of a child, or -1 when it did
   return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// The watchdog's form: a child still running after ms is killed, and a hang
+// fails the test instead of the run. -2 then.
+inline int WaitExitWithin(pid_t pid, int ms) {
+  for (int waited = 0; pid > 0; waited += 10) {
+    int status = 0;
+    const pid_t r = waitpid(pid, &status, WNOHANG);
+    if (r == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (r != 0) return -1;
+    if (waited >= ms) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &status, 0);
+      return -2;
+    }
+    usleep(10000);
+  }
+  return -1;
+}
+
 // varlok-sim, serving once it says so on --ready-fd (within timeoutMs).
 struct SimProcess {
   ~SimProcess() { Stop(SIGKILL); }
