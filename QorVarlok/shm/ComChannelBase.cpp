@@ -1,3 +1,4 @@
+#include <atomic>
 #include <chrono>
 #include <exception>
 #include <future>
@@ -38,16 +39,27 @@ bool ComChannelBase::OpenEvents(const char* func, const char* rxName, const char
   return true;
 }
 
+namespace {
+std::atomic<MutexHeldHook> g_mutexHeldHook{nullptr};
+}  // namespace
+
+void SetMutexHeldHook(MutexHeldHook hook) { g_mutexHeldHook.store(hook); }
+
 uint32_t ComChannelBase::RunAsync(const AsyncProfile& p, std::function<uint32_t()> body) {
-  const uint32_t w = platform::WaitForNamedMutex(m_hMutex, kMutexWaitMs);
+  uint32_t w = platform::WaitForNamedMutex(m_hMutex, kMutexWaitMs);
   if (w == platform::kWaitAbandoned) {
-    // Owned now, deliberately not released, and nothing is sent.
+    // A client died holding the mutex; the wait has made it consistent and
+    // this thread owns it. The documented answer (0 at once, nothing sent, the
+    // mutex kept) suits a thread that ends soon; an application's thread goes
+    // on, so every other client on the machine would be locked out for good
+    // and this caller told of a write that never went out. So the command goes
+    // out as after a normal wait, and the mutex is released as after one.
     if (p.connectTexts) {
       VLOG(err, p.func, "WAIT_ABANDONED");
     } else {
       VLOG(warn, p.func, "WAIT_ABANDONED");
     }
-    return 0;
+    w = platform::kWaitObject0;
   }
   if (w != platform::kWaitObject0) {
     if (p.connectTexts) {
@@ -57,6 +69,7 @@ uint32_t ComChannelBase::RunAsync(const AsyncProfile& p, std::function<uint32_t(
     }
     return ERR_WAIT_TIMEOUT;
   }
+  if (MutexHeldHook hook = g_mutexHeldHook.load()) hook(p.func);
   if (m_hShmDataSwap == nullptr) {
     if (p.connectTexts) {
       VLOG(err, p.func, "m_hShmDataSwap == nullptr");

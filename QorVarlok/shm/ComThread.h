@@ -32,6 +32,13 @@ class ShmMappingLost : public std::runtime_error {
   ShmMappingLost() : std::runtime_error("shared memory area lost during a command") {}
 };
 
+// Fault injection for tests, installed through this internal header only: called
+// with the channel's "Class::Async" name once a command holds the channel's
+// named mutex, before anything is written. Null (nothing called) unless a test
+// installs one; nothing in the library does.
+using MutexHeldHook = void (*)(const char* func);
+void SetMutexHeldHook(MutexHeldHook hook);
+
 constexpr uint32_t kMutexWaitMs = 3000;
 constexpr uint32_t kAnswerWaitMs = 1000;
 constexpr int kAttempts = 5;

@@ -3,10 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstring>
+#include <fstream>
 #include <thread>
 
+#include "ComThread.h"
 #include "Controller.h"
+#include "ExePath.h"
 #include "LogCapture.h"
+#include "LogSetup.h"
 #include "QorVarlok/ZelVarlok.h"
 #include "ShmProject.h"
 #include "SimProcess.h"
@@ -247,6 +252,75 @@ TEST(ShmHelper, ClientProcess) {
     ASSERT_EQ(i, ReadAt<int32_t>(values.at(0).Value));  // never the other process's value
   }
   EXPECT_EQ(0u, varlok.DeleteTagsHandle(h) + varlok.DisconnectFromDevice(device));
+}
+
+// Runs only as a helper of KilledClientInsideAChannelMutexLocksNobodyOut: parks in the
+// named channel's mutex, says so on SHM_PARK_FD, and waits there to be killed.
+TEST(ShmHelper, ParkedClient) {
+  static int fd = -1;
+  static const char* channel = nullptr;
+  if (std::getenv("SHM_PARK_FD") == nullptr) GTEST_SKIP() << "helper of another test";
+  fd = std::atoi(std::getenv("SHM_PARK_FD")), channel = std::getenv("SHM_PARK_CHANNEL");
+  qorvarlok::shm::SetMutexHeldHook([](const char* func) {
+    if (std::strcmp(func, channel) != 0) return;
+    if (write(fd, "p", 1) != 1) _exit(3);
+    for (;;) pause();
+  });
+  ZelVarlok varlok;
+  ASSERT_EQ(0u, varlok.InitializeCom(COM_TYPE_LOCAL, std::getenv("SHM_HELPER_SYMBOLS")));
+  unsigned int e = 1;
+  varlok.ConnectToPlcDevice("Local", e);
+  std::vector<std::string> text{"1"};
+  varlok.WriteTagList(varlok.CreateTagsHandle(std::string("App.GVL.level"), e), text);
+  FAIL() << "never parked in " << channel;
+}
+
+// A client killed while it holds a channel's mutex locks nobody out: the next waiter
+// warns, sends its own command and releases the mutex; the two survivors go on, and
+// each of their writes that answered 0 reads back.
+TEST_F(ShmIntegration, KilledClientInsideAChannelMutexLocksNobodyOut) {
+  setenv("SHM_HELPER_SYMBOLS", path.c_str(), 1);
+  // The helpers log into this program's file; a rotation may have moved their lines one file on.
+  const std::string log = qorvarlok::log::logFilePath(qorvarlok::platform::executablePath());
+  for (const char* channel : {"ConnectCmdThread::Async", "DefineShmComThread::Async", "DataSwapShmComThread::Async"}) {
+    SCOPED_TRACE(channel);
+    int fds[2];
+    ASSERT_EQ(0, pipe(fds));
+    setenv("SHM_PARK_FD", std::to_string(fds[1]).c_str(), 1), setenv("SHM_PARK_CHANNEL", channel, 1);
+    const pid_t victim = Spawn({"/proc/self/exe", "--gtest_filter=ShmHelper.ParkedClient"});
+    unsetenv("SHM_PARK_FD"), close(fds[1]);
+    pollfd parked{fds[0], POLLIN, 0};
+    char byte = 0;
+    const bool inside = poll(&parked, 1, 10000) == 1 && read(fds[0], &byte, 1) == 1;
+    close(fds[0]);
+    if (!inside) WaitExitWithin(victim, 0);
+    ASSERT_TRUE(inside) << "the victim never held the mutex";
+    setenv("SHM_HELPER_TAG", "App.GVL.counter", 1);
+    const pid_t a = Spawn({"/proc/self/exe", "--gtest_filter=ShmHelper.ClientProcess"});
+    setenv("SHM_HELPER_TAG", "App.GVL.speed", 1);
+    const pid_t b = Spawn({"/proc/self/exe", "--gtest_filter=ShmHelper.ClientProcess"});
+    unsetenv("SHM_HELPER_TAG");
+    kill(victim, SIGKILL);
+    EXPECT_EQ(-1, WaitExitWithin(victim, 5000));
+    EXPECT_EQ(std::make_pair(0, 0), std::make_pair(WaitExitWithin(a, 30000), WaitExitWithin(b, 30000)));
+    EXPECT_EQ(std::make_pair(598, 598), std::make_pair(Image<int32_t>("App.GVL.counter"),
+                                                       Image<int32_t>("App.GVL.speed")));
+    // Exactly one survivor found the mutex abandoned, and said so; nobody holds it now.
+    int warned = 0;
+    const std::string level = std::strcmp(channel, "ConnectCmdThread::Async") == 0 ? "[E]" : "[W]";
+    std::ifstream rotated(log.substr(0, log.size() - 4) + ".1.log", std::ios::binary), in(log, std::ios::binary);
+    for (std::string line; std::getline(rotated, line) || std::getline(in, line);)
+      for (pid_t pid : {a, b})
+        warned += line.find("(" + std::to_string(pid) + "|") != std::string::npos &&
+                  line.find(") " + level + " WAIT_ABANDONED (") != std::string::npos &&
+                  line.find(channel) != std::string::npos;
+    EXPECT_EQ(1, warned);
+    const std::wstring name = channel[0] == 'C' ? L"Global\\MUTEX_CONNECT"
+                              : channel[1] == 'e' ? L"Global\\MUTEX_NOTIFY" : L"Global\\MUTEX_DATASWAP";
+    auto mutex = qorvarlok::platform::OpenNamedMutex(name.c_str());
+    EXPECT_EQ(qorvarlok::platform::kWaitObject0, qorvarlok::platform::WaitForNamedMutex(mutex, 0));
+    qorvarlok::platform::ReleaseNamedMutex(mutex);
+  }
 }
 
 TEST_F(ShmIntegration, TwoClientProcessesShareTheChannels) {

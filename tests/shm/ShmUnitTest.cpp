@@ -230,6 +230,7 @@ TEST_F(ShmUnit, ChannelsMissingHandlesAreasAndMutexes) {
     void* area;
     uint32_t alive, result, sends, cleared, ownsMutex;
     std::vector<std::tuple<spdlog::level::level_enum, const char*, const char*>> logs;  // of <class>::<func>
+    uint32_t key = ~0u;  // when an answer reached the record
   };
   void* a = area.data();
   const std::vector<Case> cases = {
@@ -242,8 +243,10 @@ TEST_F(ShmUnit, ChannelsMissingHandlesAreasAndMutexes) {
       {kDefine, "EVENT_NOTIFY_WIN2RTOS", {}, a, 1, kWait, 0, 0, 0,  // nothing is opened after a failure
        {{warn, "m_hEventTx,Error(0x42)", "Init"}, {warn, "WaitForSingleObject,E:-1", "Async"}}},
       {kConnect, nullptr, {}, nullptr, 1, 0, 0, 0, 1, {{err, "m_hShmDataSwap == nullptr", "Async"}}},
-      {kConnect, nullptr, abandon, a, 1, 0, 0, 0, 1, {{err, "WAIT_ABANDONED", "Async"}}},
-      {kSwap, nullptr, abandon, a, 1, 0, 0, 0, 1, {{warn, "WAIT_ABANDONED", "Async"}}},
+      // An abandoned mutex: warned of, then the command goes out and the mutex is released.
+      {kConnect, nullptr, abandon, a, 1, 0, 1, 0, 0, {{err, "WAIT_ABANDONED", "Async"}}, 17},
+      {kDefine, nullptr, abandon, a, 1, 0, 1, 0, 0, {{warn, "WAIT_ABANDONED", "Async"}}, 12},
+      {kSwap, nullptr, abandon, a, 1, 0, 1, 0, 0, {{warn, "WAIT_ABANDONED", "Async"}}, 0x50},
       {kConnect, nullptr, {}, dead.p, 1, ERR_UNDEFINED, 0, 0, 0, {}},  // a cut area, the partition alive or dead
       {kDefine, nullptr, {}, dead.p, 0, kGone, 0, 1, 0, {}},
       {kSwap, nullptr, {}, dead.p, 1, ERR_UNDEFINED, 0, 1, 0, {}},
@@ -253,10 +256,11 @@ TEST_F(ShmUnit, ChannelsMissingHandlesAreasAndMutexes) {
     SCOPED_TRACE(testing::Message() << "row " << &c - cases.data());
     qvtest::Log().Clear(), fake = FakeRtos();
     fake.slot = area.data(), fake.alive = c.alive;
+    fake.answer = [&c](unsigned char* s) { Answer(c.ch, s, 3, 0); };
     if (c.failOpen != nullptr) fake.openResult[c.failOpen] = 0x42;
     const Outcome o = Drive(c.ch, 1, c.area, c.tweak);
     const uint32_t untouched = c.ch == kConnect ? 3 : c.ch == kSwap ? 1 : 0;  // no answer reached the record
-    EXPECT_EQ((std::vector<uint32_t>{c.result, untouched, c.cleared, c.sends, c.ownsMutex}),
+    EXPECT_EQ((std::vector<uint32_t>{c.result, c.key != ~0u ? c.key : untouched, c.cleared, c.sends, c.ownsMutex}),
               (std::vector<uint32_t>{o.first[0], o.first[3], o.first[4], static_cast<uint32_t>(fake.sends.size()),
                                      qorvarlok::platform::ReleaseNamedMutex(o.second)}));  // kept on some paths
     for (const auto& [level, text, func] : c.logs)
