@@ -1,5 +1,7 @@
 #include "TagData.h"
 
+#include <algorithm>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -165,6 +167,129 @@ void ExpandNode(const SymbolConfiguration& config, TagData* node,
   delete[] message;
 }
 
+// How many tags expansion would add below nodes of each type, counted from the
+// types alone, by the rules ExpandNode and ConvertStructTags follow, and given
+// up on once the count passes the limit. A type whose members never lead back
+// to a type on their path is counted once per depth; types on a cycle are
+// counted path by path, which the limit keeps bounded.
+class ExpansionCount {
+ public:
+  static bool Structured(int typeClass) {
+    return typeClass == TAG_TYPE_UNION || typeClass == TAG_TYPE_STRUCTURE || typeClass == TAG_TYPE_FUNCTION_BLOCK ||
+           typeClass == TAG_TYPE_ARRAY;
+  }
+
+  ExpansionCount(const SymbolConfiguration& config, unsigned long long limit) : m_config(config), m_limit(limit) {}
+
+  // Tags below a node of this type with this many typed ancestors.
+  unsigned long long Below(const TypeBase* type, int typedAncestors) {
+    if (type == nullptr || typedAncestors >= kMaxTypeNesting || !Structured(type->typeClass)) return 0;
+    if (std::find(m_path.begin(), m_path.end(), type) != m_path.end()) return 0;  // contains itself
+    const bool cacheable = !OnCycle(type);
+    const auto key = std::make_pair(type, typedAncestors);
+    if (cacheable) {
+      auto hit = m_counted.find(key);
+      if (hit != m_counted.end()) return hit->second;
+    }
+    m_path.push_back(type);
+    unsigned long long total = 0;
+    for (const TypeBase* member : Members(type)) {
+      total += 1 + Below(member, typedAncestors + 1);
+      if (total > m_limit) break;
+    }
+    m_path.pop_back();
+    if (cacheable) m_counted[key] = total;
+    return total;
+  }
+
+ private:
+  // The types of the member tags that expanding a node of this type adds, in
+  // order: none for a type that is not expanded, members up to the first one
+  // whose type (or base type) is missing, no references.
+  const std::vector<const TypeBase*>& Members(const TypeBase* type) {
+    auto known = m_members.find(type);
+    if (known != m_members.end()) return known->second;
+    std::vector<const TypeBase*>& out = m_members[type];
+    const TypeBase* holder = type;
+    if (type->typeClass == TAG_TYPE_ARRAY) {
+      const auto* array = dynamic_cast<const TypeArray*>(type);
+      holder = m_config.FindType(BaseTypeName(type), nullptr);
+      if (array == nullptr || array->Dimensions() >= 4 || holder == nullptr || holder->typeClass != TAG_TYPE_STRUCTURE)
+        return out;
+    } else if (!Structured(type->typeClass)) {
+      return out;
+    }
+    const auto* userDef = dynamic_cast<const TypeUserDef*>(holder);
+    if (userDef == nullptr) return out;
+    for (const UserDefElement* element : userDef->elements) {
+      const TypeBase* member = m_config.FindType(element->type, nullptr);
+      if (member == nullptr) break;
+      if (IsReference(nullptr, element)) continue;
+      out.push_back(member);
+      if (!BaseTypeResolves(member)) break;  // the member stays, the rest are not added
+    }
+    return out;
+  }
+
+  // The base type that AddTypedTag looks up for subranges, enumerations and arrays.
+  bool BaseTypeResolves(const TypeBase* type) const {
+    if (type->typeClass == TAG_TYPE_SUBRANGE) {
+      const auto* simple = dynamic_cast<const TypeSimple*>(type);
+      return m_config.FindType(simple != nullptr ? simple->underlyingType : std::string(), nullptr) != nullptr;
+    }
+    if (type->typeClass == TAG_TYPE_ENUM || type->typeClass == TAG_TYPE_ARRAY)
+      return m_config.FindType(BaseTypeName(type), nullptr) != nullptr;
+    return true;
+  }
+
+  // Whether a path of members from this type can reach a type twice. Such a
+  // type's count depends on the path it is met on, so it is never cached.
+  bool OnCycle(const TypeBase* type) {
+    auto known = m_cyclic.find(type);
+    if (known != m_cyclic.end()) return known->second;
+    // Depth first with an explicit stack; grey types are on the current path.
+    enum Colour { kGrey, kBlack };
+    std::map<const TypeBase*, Colour> colour;
+    std::vector<std::pair<const TypeBase*, size_t>> stack{{type, 0}};
+    colour[type] = kGrey;
+    bool cyclic = false;
+    while (!stack.empty() && !cyclic) {
+      auto& [current, next] = stack.back();
+      const std::vector<const TypeBase*>& members = Members(current);
+      if (next == members.size()) {
+        colour[current] = kBlack;
+        stack.pop_back();
+        continue;
+      }
+      const TypeBase* member = members[next++];
+      auto seen = m_cyclic.find(member);
+      if (seen != m_cyclic.end()) {
+        cyclic = seen->second;
+        continue;
+      }
+      auto c = colour.find(member);
+      if (c == colour.end()) {
+        colour[member] = kGrey;
+        stack.emplace_back(member, 0);
+      } else if (c->second == kGrey) {
+        cyclic = true;
+      }
+    }
+    // Every type finished black leads to no cycle; a cycle found taints only the start.
+    for (const auto& [t, c] : colour)
+      if (c == kBlack) m_cyclic.emplace(t, false);
+    m_cyclic[type] = cyclic;
+    return cyclic;
+  }
+
+  const SymbolConfiguration& m_config;
+  const unsigned long long m_limit;
+  std::vector<const TypeBase*> m_path;  // types of the typed ancestors of the node being counted
+  std::map<const TypeBase*, std::vector<const TypeBase*>> m_members;
+  std::map<std::pair<const TypeBase*, int>, unsigned long long> m_counted;
+  std::map<const TypeBase*, bool> m_cyclic;
+};
+
 // Depth first with an explicit stack, so a deep tree cannot exhaust the thread's stack.
 void ExpandDeep(const SymbolConfiguration& config, TagData* start) {
   std::vector<TagData*> stack{start};
@@ -315,6 +440,20 @@ unsigned int MirrorGroup(const SymbolConfiguration& config, TagData* into, const
 
 }  // namespace
 
+unsigned long long CountExpandedTags(const SymbolConfiguration& config, const TagsConfig& root) {
+  ExpansionCount count(config, kMaxTagsPerConfiguration);
+  unsigned long long total = 0;
+  std::vector<const TagData*> stack{&root};
+  while (!stack.empty() && total <= kMaxTagsPerConfiguration) {
+    const TagData* node = stack.back();
+    stack.pop_back();
+    if (node != &root) total += 1 + count.Below(node->type, 0);
+    if (node->children != nullptr)
+      for (const TagData* child : *node->children) stack.push_back(child);
+  }
+  return total;
+}
+
 unsigned int SymbolConfiguration::CreateTagsConfig(TagsConfig** out, char** message) {
   if (out != nullptr) *out = nullptr;
   // The root owns this document from here on, on failure too.
@@ -332,6 +471,19 @@ unsigned int SymbolConfiguration::CreateTagsConfig(TagsConfig** out, char** mess
         if (code != ERR_NOERROR) return code;  // deletes the root and this document
       }
     }
+  }
+  const unsigned long long tags = CountExpandedTags(*this, *root);
+  if (tags > kMaxTagsPerConfiguration) {
+    VLOG(err, "SymbolConfiguration::CreateTagsConfig",
+         "the tags of this file would exceed the bound of {} tags (kMaxTagsPerConfiguration) once expanded, refused",
+         kMaxTagsPerConfiguration);
+    if (message != nullptr) {
+      const std::string text = std::string(ReadErrorDescription(ERR_XML_TYPE_DEF_ERROR)) + "(more than " +
+                               std::to_string(kMaxTagsPerConfiguration) + " tags)";
+      delete[] *message;
+      *message = Dup(text);
+    }
+    return ERR_XML_TYPE_DEF_ERROR;  // deletes the root and this document
   }
   if (out != nullptr) *out = root.release();
   return ERR_NOERROR;

@@ -13,6 +13,15 @@
 
 namespace qorvarlok::symbols {
 
+// The most tags the tree of one symbol file may reach with every structure
+// and array member expanded; a file beyond it is refused when it is opened.
+// Nesting depth alone bounds nothing: thirty structure types that each hold
+// two members of the type below expand to 2^30 tags from a few kilobytes.
+// Each tag costs about 0.5 KB in the tree, its flat copy and the tags
+// manager, so the bound keeps one file to a few gigabytes at most, while real
+// projects (a file of a million variables included) stay far below it.
+constexpr unsigned long long kMaxTagsPerConfiguration = 10000000;
+
 // One node of the tree. Its tagTagDesc part is what callers get (as deep
 // copies); TagsHandle points back to the node.
 class TagData : protected tagTagDesc {
@@ -48,6 +57,11 @@ class TagsConfig : public TagData {
   // type that contains itself is still seen.
   std::unordered_map<TagData*, std::vector<const TypeBase*>> lowMemoryPending;
 };
+
+// Every node the tree reaches once fully expanded (groups, variables, members),
+// counted from the types without expanding anything; above the bound the count
+// stops as soon as it passes it.
+unsigned long long CountExpandedTags(const SymbolConfiguration& config, const TagsConfig& root);
 
 // Description access. Arrays belong to the tree; callers never free them.
 unsigned int GetAllTagsDescription(TagsConfig* pTagConfig, tagTagDesc** descs, unsigned int* count);

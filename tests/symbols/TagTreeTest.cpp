@@ -163,6 +163,50 @@ TEST_F(TagTree, ExpansionRules) {
   }
 }
 
+// Types T1..Tn, each holding two members of the type below; one variable of type Tn.
+std::string Doubling(int levels) {
+  std::string types = "<TypeSimple name=\"T0\" size=\"4\" iecname=\"DINT\" typeclass=\"DInt\"/>\n";
+  for (int i = 1; i <= levels; ++i) {
+    const std::string below = "T" + std::to_string(i - 1), name = "T" + std::to_string(i);
+    types += "<TypeUserDef name=\"" + name + "\" size=\"4\" iecname=\"S\" typeclass=\"Userdef\" pouclass=\"STRUCTURE\">"
+             "<UserDefElement iecname=\"a\" type=\"" + below + "\"/><UserDefElement iecname=\"b\" type=\"" + below +
+             "\"/></TypeUserDef>\n";
+  }
+  return symtest::Document(types, "<Node name=\"v\" type=\"T" + std::to_string(levels) + "\" access=\"Read\"/>\n");
+}
+
+size_t TreeNodes(const TagData* node) {
+  size_t n = 0;
+  if (node->children != nullptr)
+    for (const TagData* child : *node->children) n += 1 + TreeNodes(child);
+  return n;
+}
+
+// The count of tags a file expands to, taken from the types alone at opening,
+// is the tree that expansion builds; beyond the bound the file is refused at once.
+TEST_F(TagTree, ExpansionIsBoundedByTheNumberOfTags) {
+  for (const auto& [xml, flat] : {std::make_pair(symtest::Document(kRichTypes, kRichVariables), 28u),
+                                  std::make_pair(Doubling(16), 131071u)}) {  // the variable and all its members
+    const auto counted = symtest::Read(m_dir.Write("count.xml", xml));
+    const auto built = symtest::Read(m_dir.Write("count.xml", xml));
+    ASSERT_TRUE(counted != nullptr && built != nullptr) << LastParseMessage();
+    tagTagDesc* all = nullptr;
+    unsigned int count = 0;
+    ASSERT_EQ(GetAllTagsDescription(built.get(), &all, &count), 0u);
+    EXPECT_EQ(CountExpandedTags(*counted->symbolConfiguration, *counted), TreeNodes(built.get()));
+    EXPECT_EQ(count, flat);
+  }
+  GetArrayBoundsRegistry().erase(0);
+  unsigned int code = 0;
+  EXPECT_EQ(symtest::Read(m_dir.Write("bomb.xml", Doubling(30)), &code), nullptr);  // 2^31 tags from 7 KB
+  EXPECT_EQ(code, ERR_XML_TYPE_DEF_ERROR);
+  EXPECT_EQ(LastParseMessage(), std::string(ReadErrorDescription(ERR_XML_TYPE_DEF_ERROR)) + "(more than 10000000 tags)");
+  EXPECT_EQ(qvtest::Log().CountOf(spdlog::level::err,
+                                  "the tags of this file would exceed the bound of 10000000 tags "
+                                  "(kMaxTagsPerConfiguration) once expanded, refused",
+                                  "SymbolConfiguration::CreateTagsConfig"), 1u);
+}
+
 TEST_F(TagTree, LowMemoryWalkVisitsEveryHandleOnce) {
   const auto opened = symtest::Read(m_dir.Write("rich.xml", symtest::Document(kRichTypes, kRichVariables)));
   ASSERT_NE(opened, nullptr);
