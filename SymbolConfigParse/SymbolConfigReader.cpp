@@ -314,7 +314,7 @@ std::string CheckNesting(std::FILE* file) {
   size_t n = 0;
   while ((n = std::fread(chunk, 1, sizeof(chunk), file)) > 0) data.append(chunk, n);
   std::rewind(file);
-  const XmlDepthResult scan = ScanXmlDepth(data.data(), data.size());
+  const XmlDepthResult scan = ScanXmlDepth(data);
   if (scan.refused) return "Line " + std::to_string(scan.line) + ": " + scan.reason;
   if (scan.maxDepth > kMaxElementDepth)
     return "Elements nested deeper than " + std::to_string(kMaxElementDepth) + " levels at line " +
