@@ -9,6 +9,7 @@ PACKAGES=(
   build-essential cmake pkg-config
   libspdlog-dev libfmt-dev libtinyxml-dev libasio-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  clang libclang-rt-14-dev
   locales
 )
 

@@ -3,8 +3,11 @@
 #   1. plain build, warnings as errors, benchmarks built, every test;
 #   2. the same under AddressSanitizer and UndefinedBehaviorSanitizer;
 #   3. the test programs that carry the ctest label "tsan", alone, under
-#      ThreadSanitizer (skipped when no test has the label).
-# Build directories: build/ci-plain, build/ci-asan, build/ci-tsan.
+#      ThreadSanitizer (skipped when no test has the label);
+#   4. the fuzz programs of tests/fuzz (ctest label "fuzz"), built with clang-14
+#      and run briefly each over their corpus (skipped, and said so, where
+#      clang-14 or its libFuzzer runtime is missing).
+# Build directories: build/ci-plain, build/ci-asan, build/ci-tsan, build/ci-fuzz.
 # A build that fails stops the script; failing tests are counted and the run
 # goes on to the next stage, so one run shows every failure. Exits non-zero
 # if anything failed.
@@ -19,6 +22,7 @@ bash "$ROOT/scripts/install-deps.sh"
 step() { printf '\n==== %s\n' "$*"; }
 
 FAILED_STAGES=()
+SKIPPED_STAGES=()
 
 configure() {
   local dir="$1"
@@ -69,8 +73,30 @@ else
   TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1}" run_tests "$TSAN" -L tsan || FAILED_STAGES+=("tsan")
 fi
 
+fuzzer_runtime() {
+  command -v clang-14 >/dev/null 2>&1 && command -v clang++-14 >/dev/null 2>&1 &&
+    [ -f "$(clang++-14 -print-runtime-dir)/libclang_rt.fuzzer-x86_64.a" ]
+}
+
+if fuzzer_runtime; then
+  step "fuzz build (clang-14, libFuzzer; only the fuzz programs)"
+  FUZZ="$ROOT/build/ci-fuzz"
+  CC=clang-14 CXX=clang++-14 configure "$FUZZ" -DQORVARLOK_FUZZ=ON -DQORVARLOK_SANITIZE=OFF -DQORVARLOK_TSAN=OFF \
+    -DQORVARLOK_BUILD_BENCH=OFF
+  cmake --build "$FUZZ" -j"$JOBS" --target qorvarlok_fuzzers
+  step "fuzz runs"
+  run_tests "$FUZZ" -L fuzz || FAILED_STAGES+=("fuzz")
+else
+  step "fuzz stage SKIPPED: clang-14 or its libFuzzer runtime is missing"
+  SKIPPED_STAGES+=("fuzz")
+fi
+
 if [ "${#FAILED_STAGES[@]}" -gt 0 ]; then
   step "tests failed in: ${FAILED_STAGES[*]}"
   exit 1
 fi
-step "all test runs passed"
+if [ "${#SKIPPED_STAGES[@]}" -gt 0 ]; then
+  step "the test runs that ran passed; NOT run: ${SKIPPED_STAGES[*]}"
+else
+  step "all test runs passed"
+fi
