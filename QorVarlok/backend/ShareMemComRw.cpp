@@ -246,10 +246,7 @@ unsigned int ShareMemCom::ReadTagValue(void* handle, std::vector<void*>& dataHea
     VLOG(err, kFunc, "length={}, size={}", list->length, dataHeads.size());
     return ERR_UNMATCH_WITH_DEFINE;
   }
-  if (!TypedArgsFit(dataHeads, types, lengths, list->length)) {
-    VLOG(err, kFunc, "types={}, lengths={}, tags={}", types.size(), lengths.size(), list->length);
-    return ERR_INVALID_PARAMS;
-  }
+  if (!TypedArgsFit(dataHeads, types, lengths, list->length)) throw CallerBufferFault();
   r = WalkNodes(*list, Walk::ReadValue, kFunc, &types, &lengths);
   if (r != 0) return r;
   ClearBuffer(*list);
@@ -351,10 +348,7 @@ unsigned int ShareMemCom::WriteTagValue(void* handle, std::vector<void*>& dataHe
     VLOG(err, kFunc, "length={}, size={}", list->length, dataHeads.size());
     return ERR_UNMATCH_WITH_DEFINE;
   }
-  if (!TypedArgsFit(dataHeads, types, lengths, list->length)) {
-    VLOG(err, kFunc, "types={}, lengths={}, tags={}", types.size(), lengths.size(), list->length);
-    return ERR_INVALID_PARAMS;
-  }
+  if (!TypedArgsFit(dataHeads, types, lengths, list->length)) throw CallerBufferFault();
   r = WalkNodes(*list, Walk::WriteValue, kFunc, &types, &lengths);
   if (r != 0) return r;
   ClearBuffer(*list);
@@ -403,13 +397,9 @@ unsigned int ShareMemCom::WriteTagValueRaw(void* handle, unsigned char* data, un
     VLOG(err, kFunc, "access type is {}", first->AccessType);
     return ERR_READ_WRITE_DENIED;
   }
-  if (data == nullptr) {
-    VLOG(err, kFunc, "data == nullptr");
-    return ERR_INVALID_PARAMS;
-  }
   ClearBuffer(*list);
   rwCmd cmd = MakeRwCmd(*list, qorvarlok::shm::kRwWrite, list->length, list->totalBytes);
-  if (list->totalBytes > 0) std::memcpy(list->valueBuffer, data, list->totalBytes);
+  CopyCallerBytes(list->valueBuffer, data, list->totalBytes);  // a null data faults here, not as a code
   r = SendRw(cmd);  // a standard exception here reads as ERR_WRITE_FAILED
   if (r != 0) VLOG_HEX(kFunc, "DataSwapCmd ValueBuffer ", list->valueBuffer, list->totalBytes);
   return r;

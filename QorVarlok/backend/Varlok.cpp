@@ -1,6 +1,7 @@
 #include "Varlok.h"
 
 #include <atomic>
+#include <cstring>
 
 #include "TagValueText.h"
 #include "VarlokTypes.h"
@@ -14,6 +15,12 @@ namespace {
 std::atomic<uint32_t> g_sessionCounter{1};
 
 }  // namespace
+
+void CopyCallerBytes(void* to, const void* from, size_t n) {
+  if (n == 0) return;
+  if (to == nullptr || from == nullptr) throw CallerBufferFault();
+  std::memcpy(to, from, n);
+}
 
 Varlok::Varlok() = default;
 

@@ -16,6 +16,15 @@
 
 namespace ZelmonteVarlok {
 
+// A copy through a buffer the caller gave as null (or typed arguments that do
+// not cover the list). A backend throws it at the copy, behind every
+// documented check, where the copy would otherwise fault; the facade's
+// catch-all reports it as such a fault is reported: "unknown exception".
+struct CallerBufferFault {};
+
+// Copies n bytes between a caller's buffer and the library's; nothing for n 0.
+void CopyCallerBytes(void* to, const void* from, size_t n);
+
 class Varlok {
  public:
   Varlok();

@@ -171,6 +171,43 @@ TEST_F(ShmIntegration, ArraysRangesAndStructuresMoveAsRawBytes) {
   EXPECT_EQ(ERR_UNMATCH_TYPE_PARA, varlok->ReadStructField(arr, got, 40));
 }
 
+// A null data buffer meets every documented check first; where the copy through
+// it would fault, the facade answers as for that fault: "unknown exception", 0.
+TEST_F(ShmIntegration, NullDataBuffersMeetTheDocumentedChecksFirst) {
+  Connect();
+  HTAGLIST arr = Define({"App.GVL.cnt"}), pt = Define({"App.GVL.pt"}), two = Define({"App.GVL.counter", "App.GVL.wo"});
+  const std::vector<std::tuple<const char*, std::function<unsigned int()>, unsigned int, bool, const char*>> cases = {
+      // what, call, code, sent, function whose catch-all reports the fault (none: no fault)
+      {"read range beyond", [&] { return varlok->ReadArray(arr, 4, nullptr, 8, 3); }, ERR_OVERSTEP_ACCESS, true, ""},
+      {"write range beyond", [&] { return varlok->WriteArray(arr, 4, nullptr, 9, 2); }, ERR_OVERSTEP_ACCESS, false, ""},
+      {"element length", [&] { return varlok->ReadArray(arr, 2, nullptr, 0, 0); }, ERR_UNMATCH_TYPE_PARA, false, ""},
+      {"read no elements", [&] { return varlok->ReadArray(arr, 4, nullptr, 5, 0); }, 0, true, ""},
+      {"write no elements", [&] { return varlok->WriteArray(arr, 4, nullptr, 5, 0); }, 0, true, ""},
+      {"read structure length", [&] { return varlok->ReadStructField(pt, nullptr, 4); }, ERR_UNALIGNED_STRUCT, false, ""},
+      {"write structure length", [&] { return varlok->WriteStructField(pt, nullptr, 4); }, ERR_UNALIGNED_STRUCT, false,
+       ""},
+      {"raw count", [&] { return varlok->WriteTagList(two, nullptr, 3); }, ERR_UNMATCH_WITH_DEFINE, false, ""},
+      {"read whole array", [&] { return varlok->ReadArray(arr, 4, nullptr, 0, 0); }, 0, true, "ZelVarlok::ReadArray"},
+      {"read range", [&] { return varlok->ReadArray(arr, 4, nullptr, 1, 2); }, 0, true, "ZelVarlok::ReadArray"},
+      {"write whole array", [&] { return varlok->WriteArray(arr, 4, nullptr, 0, 0); }, 0, false, "ZelVarlok::WriteArray"},
+      {"write range", [&] { return varlok->WriteArray(arr, 4, nullptr, 1, 2); }, 0, false, "ZelVarlok::WriteArray"},
+      {"read structure", [&] { return varlok->ReadStructField(pt, nullptr, 8); }, 0, true, "ZelVarlok::ReadStructField"},
+      {"write structure", [&] { return varlok->WriteStructField(pt, nullptr, 8); }, 0, false,
+       "ZelVarlok::WriteStructField"},
+      {"raw write", [&] { return varlok->WriteTagList(two, nullptr, 2); }, 0, false, "ZelVarlok::WriteTagList"},
+  };
+  for (const auto& [what, call, code, sent, faultIn] : cases) {
+    qvtest::Log().Clear();
+    const uint64_t before = controller->Answered();
+    EXPECT_EQ(code, call()) << what;
+    EXPECT_EQ(sent, controller->Answered() != before) << what;
+    const bool fault = *faultIn != '\0';
+    EXPECT_EQ(fault ? 1u : 0u, qvtest::Log().CountOf(spdlog::level::info, "unknown exception", fault ? faultIn : ""))
+        << what;
+  }
+  EXPECT_EQ(std::make_pair(0, 0), std::make_pair(Image<int32_t>("App.GVL.counter"), Image<int32_t>("App.GVL.cnt[1]")));
+}
+
 TEST_F(ShmManyTags, FailedChecksSendNothingAndRefusalsWriteNothing) {
   Connect();
   HTAGLIST mixed = Define({"App.GVL.counter", "App.GVL.wo"}), ro = Define({"App.GVL.ro", "App.GVL.speed"}),
