@@ -4,7 +4,6 @@
 #include <spdlog/async.h>
 #include <spdlog/details/registry.h>
 #include <spdlog/pattern_formatter.h>
-#include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/spdlog.h>
 
 #include <chrono>
@@ -12,6 +11,7 @@
 #include <string>
 
 #include "ExePath.h"
+#include "LineAppendSink.h"
 #include "LogSetup.h"
 
 namespace qorvarlok::log {
@@ -32,8 +32,8 @@ class LogSetup {
     const std::string path = logFilePath(platform::executablePath());
     spdlog::set_formatter(
         std::make_unique<spdlog::pattern_formatter>(kPattern, spdlog::pattern_time_type::local, "\r\n"));
-    auto logger = spdlog::rotating_logger_mt<spdlog::async_factory>(kLoggerName, path, kRotationSize,
-                                                                    kRotatedFiles, false);
+    // Asynchronous as before; the sink writes each line whole, so processes sharing the file never cut lines.
+    auto logger = spdlog::create_async<LineAppendSink>(kLoggerName, path, kRotationSize, kRotatedFiles);
     spdlog::set_default_logger(logger);
     spdlog::flush_every(std::chrono::seconds(13));
     spdlog::set_level(spdlog::level::info);

@@ -2,13 +2,18 @@
 // executable, one line per record with its fields, "\r\n" at the end, the
 // level letter and the function name written at the call.
 #include <gtest/gtest.h>
+#include <spawn.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
+#include <map>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -101,6 +106,66 @@ TEST(LogFile, LevelLettersAndNothingBelowInfo) {
   }
   // One worker writes in queue order: the debug line would be there by now.
   EXPECT_EQ(readLog().find(hidden), std::string::npos);
+}
+
+constexpr int kHelperLines = 4000;
+
+// Runs only as a helper of TwoProcessesOfOneExecutableWriteWholeLines.
+TEST(LogHelper, WriteLines) {
+  const char* tag = std::getenv("LOG_HELPER_TAG");
+  if (tag == nullptr) GTEST_SKIP() << "helper of another test";
+  const std::string padding(300, 'x');
+  for (int i = 0; i < kHelperLines; ++i) VLOG(info, "LogHelper::WriteLines", "{} {} {}", tag, i, padding);
+}
+
+// Two processes of one executable share its log file: every line arrives whole and
+// once, across the rotation that their 3 MB bring about.
+TEST(LogFile, TwoProcessesOfOneExecutableWriteWholeLines) {
+  char dir[] = "/tmp/qvlog-XXXXXX";
+  ASSERT_NE(nullptr, mkdtemp(dir));
+  std::map<pid_t, std::string> helpers;
+  for (const char* tag : {"A", "B"}) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addchdir_np(&actions, dir);  // the log goes under the current directory
+    std::string self = "/proc/self/exe", filter = "--gtest_filter=LogHelper.WriteLines", env = "LOG_HELPER_TAG=";
+    env += tag;
+    char* argv[] = {self.data(), filter.data(), nullptr};
+    char* envp[] = {env.data(), nullptr};
+    pid_t pid = -1;
+    EXPECT_EQ(0, posix_spawn(&pid, argv[0], &actions, nullptr, argv, envp));
+    posix_spawn_file_actions_destroy(&actions);
+    helpers[pid] = tag;
+  }
+  for (const auto& [pid, tag] : helpers) {
+    int status = -1;
+    EXPECT_EQ(pid, waitpid(pid, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << tag;
+  }
+  const std::string file = std::string(dir) + "/" + logFilePath(qorvarlok::platform::executablePath());
+  const std::regex whole(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \((\d+)\|\d+\) \[I\] ([AB]) (\d+) x{300} )"
+                         R"(\(LoggingTest\.cpp:\d+ LogHelper::WriteLines\)\r)");
+  std::map<std::string, std::vector<int>> seen;  // tag -> how often each line number came
+  size_t files = 0, broken = 0;
+  for (const std::string& name : {file.substr(0, file.size() - 4) + ".2.log", file.substr(0, file.size() - 4) + ".1.log",
+                                  file}) {
+    std::ifstream in(name, std::ios::binary);
+    files += in.good();
+    std::smatch m;
+    for (std::string line; std::getline(in, line);) {
+      if (!std::regex_match(line, m, whole) || helpers[std::stoi(m[1])] != m[2]) {
+        if (++broken < 3) ADD_FAILURE() << "not a whole line: " << line.substr(0, 120);
+        continue;
+      }
+      std::vector<int>& count = seen[m[2]];
+      count.resize(kHelperLines);
+      ++count.at(static_cast<size_t>(std::stoi(m[3])));
+    }
+  }
+  EXPECT_EQ(0u, broken);
+  EXPECT_GE(files, 2u) << "3 MB rotate the 2 MiB file";
+  for (const char* tag : {"A", "B"}) EXPECT_EQ(std::vector<int>(kHelperLines, 1), seen[tag]) << tag;
+  std::filesystem::remove_all(dir);
 }
 
 TEST(LogCalls, PrintfUnfilledAndFmtTexts) {
