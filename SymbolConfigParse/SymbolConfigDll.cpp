@@ -18,9 +18,15 @@ namespace {
 // exit or on an explicit reclaim.
 class ReleasedTrees {
  public:
+  // Room for every tree that open entries may hand over, made while an entry
+  // is made: Keep runs in a destructor, when memory may have run out.
+  void MakeRoom(size_t openEntries) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_roots.reserve(m_roots.size() + openEntries);
+  }
   void Keep(TagsConfig* root) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_roots.emplace_back(root);
+    m_roots.emplace_back(root);  // never grows here: room was made
   }
   void Reclaim() {
     std::vector<std::unique_ptr<TagsConfig>> roots;
@@ -215,6 +221,7 @@ extern "C" QORVARLOK_API void* CreateSymbolConfigHandleW(const wchar_t* path, un
       }
     }
     // Under an existing key (null left by an earlier failure) the old entry stays.
+    qorvarlok::symbols::Released().MakeRoom(registry.entries.size() + 1);
     registry.entries.emplace(handle, std::make_shared<qorvarlok::symbols::TagConfig>(wanted, handle));
     return handle;
   } catch (const std::exception& e) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -44,9 +45,10 @@ class Cli : public ::testing::Test {
     return path(name);
   }
 
-  // Runs varlok with the arguments in the test's directory; a run that
-  // outlives 10 s is killed and fails the test instead of hanging it.
-  Result run(const std::vector<std::string>& args) const {
+  // Runs varlok with the arguments in the test's directory, within addressSpace
+  // bytes if given; a run that outlives 10 s is killed and fails the test
+  // instead of hanging it.
+  Result run(const std::vector<std::string>& args, rlim_t addressSpace = 0) const {
     Result r;
     const std::string outPath = path(".stdout"), errPath = path(".stderr");
     const pid_t pid = ::fork();
@@ -57,6 +59,8 @@ class Cli : public ::testing::Test {
         if (to < 0 || ::dup2(to, fd) < 0) ::_exit(126);
       }
       ::setenv("LC_ALL", "C.UTF-8", 1);
+      const rlimit limit{addressSpace, addressSpace};
+      if (addressSpace != 0 && ::setrlimit(RLIMIT_AS, &limit) != 0) ::_exit(126);
       std::vector<char*> argv{const_cast<char*>(VARLOK_EXE)};
       for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
       argv.push_back(nullptr);
@@ -164,6 +168,28 @@ TEST_F(Cli, BrowseAndDescribe) {
     if (c.err[0] == '\0') EXPECT_EQ(r.err, "");
     else EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
   }
+}
+
+// A flat listing that runs out of memory tells its failure in UTF-8 like every
+// other message, and ends with the failure's exit code rather than a crash.
+TEST_F(Cli, FlatListingOutOfMemoryTellsItsFailureInUtf8) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "AddressSanitizer cannot run within an address-space limit";
+#endif
+  std::string types = "<TypeSimple name=\"T0\" size=\"4\" iecname=\"DINT\" typeclass=\"DInt\"/>";
+  for (int i = 1; i <= 21; ++i)  // 2^22 tags, within the bound, not within 300 MB
+    types += "<TypeUserDef name=\"T" + std::to_string(i) + "\" size=\"4\" iecname=\"S\" typeclass=\"Userdef\" "
+             "pouclass=\"STRUCTURE\"><UserDefElement iecname=\"a\" type=\"T" + std::to_string(i - 1) +
+             "\"/><UserDefElement iecname=\"b\" type=\"T" + std::to_string(i - 1) + "\"/></TypeUserDef>";
+  const std::string big = file("big.xml", "<Symbolconfiguration><Header/><TypeList>" + types +
+                                              "</TypeList><NodeList><Node name=\"App\"><Node name=\"GVL\"><Node "
+                                              "name=\"v\" type=\"T21\" access=\"Read\"/></Node></Node></NodeList>"
+                                              "</Symbolconfiguration>");
+  const Result r = run({"browse", "--flat", big}, rlim_t{300} << 20);
+  EXPECT_EQ(r.exitCode, 1);
+  // The library's catch-all code, described by the mask rule as a line error: 符号配置文件行错误(-301989890 行)
+  EXPECT_EQ(r.err, "varlok browse: flat list: 0xFFFFFFFE \xE7\xAC\xA6\xE5\x8F\xB7\xE9\x85\x8D\xE7\xBD\xAE\xE6\x96\x87"
+                   "\xE4\xBB\xB6\xE8\xA1\x8C\xE9\x94\x99\xE8\xAF\xAF(-301989890 \xE8\xA1\x8C)\n");
 }
 
 TEST_F(Cli, BadFilesExitWithTheCodeAndItsText) {

@@ -142,9 +142,7 @@ unsigned int childrenOf(const tagTagDesc& d, Level& out) {
   return r;
 }
 
-void reportFailure(const std::string& what, unsigned int code) {
-  std::fprintf(stderr, "varlok browse: %s: %s\n", what.c_str(), describeCode(code).c_str());
-}
+void reportFailure(const std::string& what, unsigned int code) { reportCode("browse", what.c_str(), code); }
 
 // Depth-first, children right after their parent.
 int printTree(const Level& level, int depth) {
@@ -197,7 +195,7 @@ int browseFlat(const SymbolFile& file, const std::string& tag) {
   Level all;
   const unsigned int r = GetSymbolConfigParseResult(file.handle(), &all.descs, &all.count);
   if (r != 0) {
-    reportFailure("flat list", r);
+    reportCode("browse", "flat list", r);  // also when memory ran out in the listing
     return kExitFailed;
   }
   Columns columns;

@@ -31,14 +31,28 @@ bool parseCode(const std::string& word, unsigned int& code) {
 
 }  // namespace
 
-std::string describeCode(unsigned int code, bool* described) {
-  char head[16];
-  std::snprintf(head, sizeof(head), "0x%08X ", code);
+const char* describeCodeInto(unsigned int code, char* out, size_t capacity, bool* described) {
+  const int head = std::snprintf(out, capacity, "0x%08X ", code);
   const char* text = ReadErrorDescription(code);
   if (described != nullptr) *described = text != nullptr;
-  if (text == nullptr) return std::string(head) + "(no description)";
-  // Copied at once: formatted texts share one buffer in the library.
-  return std::string(head) + gbkToUtf8(text);
+  if (head < 0 || static_cast<size_t>(head) >= capacity) return out;
+  if (text == nullptr) {
+    std::snprintf(out + head, capacity - static_cast<size_t>(head), "(no description)");
+  } else {
+    // Converted at once: formatted texts share one buffer in the library.
+    gbkToUtf8(text, out + head, capacity - static_cast<size_t>(head));
+  }
+  return out;
+}
+
+std::string describeCode(unsigned int code, bool* described) {
+  char buffer[1200];
+  return describeCodeInto(code, buffer, sizeof(buffer), described);
+}
+
+void reportCode(const char* command, const char* what, unsigned int code) {
+  char buffer[1200];
+  std::fprintf(stderr, "varlok %s: %s: %s\n", command, what, describeCodeInto(code, buffer, sizeof(buffer)));
 }
 
 int runDescribe(const Args& args) {

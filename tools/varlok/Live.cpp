@@ -140,7 +140,7 @@ class Session {
   }
 
   bool fail(const char* step, unsigned int code) const {
-    std::fprintf(stderr, "varlok %s: %s: %s\n", m_command, step, describeCode(code).c_str());
+    reportCode(m_command, step, code);
     return false;
   }
 

@@ -4,54 +4,67 @@
 
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 
 namespace varlok {
 
 namespace {
 
-// One iconv descriptor for the duration of a conversion.
-class Converter {
- public:
-  Converter(const char* to, const char* from) : m_cd(::iconv_open(to, from)) {}
-  ~Converter() {
-    if (valid()) ::iconv_close(m_cd);
-  }
-  Converter(const Converter&) = delete;
-  Converter& operator=(const Converter&) = delete;
+const iconv_t kNoConverter = reinterpret_cast<iconv_t>(-1);
 
-  bool valid() const { return m_cd != reinterpret_cast<iconv_t>(-1); }
-
-  std::string run(const char* text) {
-    std::string out;
-    char* in = const_cast<char*>(text);
-    size_t inLeft = std::strlen(text);
-    char buffer[256];
-    while (inLeft > 0) {
-      char* outPtr = buffer;
-      size_t outLeft = sizeof(buffer);
-      const size_t r = ::iconv(m_cd, &in, &inLeft, &outPtr, &outLeft);
-      out.append(buffer, sizeof(buffer) - outLeft);
-      if (r != static_cast<size_t>(-1)) continue;
-      if (errno == E2BIG) continue;
-      // EILSEQ or a truncated sequence at the end: show one '?' and go on.
-      out.push_back('?');
-      ++in;
-      --inLeft;
-    }
-    return out;
-  }
-
- private:
-  iconv_t m_cd;
+struct Converter {
+  std::mutex mutex;
+  iconv_t cd = kNoConverter;
 };
+
+// Opened once and kept to the end: no conversion may depend on memory that
+// could be gone by the time a failure is told.
+Converter& TheConverter() {
+  static Converter converter;
+  return converter;
+}
 
 }  // namespace
 
+void openTextConversion() {
+  Converter& c = TheConverter();
+  std::lock_guard<std::mutex> lock(c.mutex);
+  if (c.cd == kNoConverter) c.cd = ::iconv_open("UTF-8", "GBK");
+}
+
+size_t gbkToUtf8(const char* gbk, char* out, size_t capacity) {
+  if (capacity == 0) return 0;
+  size_t used = 0;
+  const auto put = [&](char ch) {
+    if (used + 1 < capacity) out[used++] = ch;
+  };
+  Converter& c = TheConverter();
+  std::lock_guard<std::mutex> lock(c.mutex);
+  char* in = const_cast<char*>(gbk != nullptr ? gbk : "");
+  size_t inLeft = std::strlen(in);
+  if (c.cd != kNoConverter) ::iconv(c.cd, nullptr, nullptr, nullptr, nullptr);  // a fresh state
+  while (inLeft > 0 && used + 1 < capacity) {
+    if (c.cd == kNoConverter) {
+      put(static_cast<unsigned char>(*in) < 0x80 ? *in : '?');
+      ++in, --inLeft;
+      continue;
+    }
+    char* to = out + used;
+    size_t toLeft = capacity - 1 - used;
+    const size_t r = ::iconv(c.cd, &in, &inLeft, &to, &toLeft);
+    used = static_cast<size_t>(to - out);
+    if (r != static_cast<size_t>(-1) || errno == E2BIG) break;  // done, or out is full
+    // EILSEQ or a truncated sequence at the end: show one '?' and go on.
+    put('?');
+    ++in, --inLeft;
+  }
+  out[used] = '\0';
+  return used;
+}
+
 std::string gbkToUtf8(const char* gbk) {
-  if (gbk == nullptr) return std::string();
-  Converter conv("UTF-8", "GBK");
-  if (!conv.valid()) return std::string(gbk);  // no GBK module: raw bytes beat nothing
-  return conv.run(gbk);
+  char buffer[1024];
+  return std::string(buffer, gbkToUtf8(gbk, buffer, sizeof(buffer)));
 }
 
 }  // namespace varlok

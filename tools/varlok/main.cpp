@@ -5,8 +5,10 @@
 #include <clocale>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "Commands.h"
+#include "TextConv.h"
 
 namespace {
 
@@ -27,11 +29,7 @@ void printUsage(std::FILE* out) {
                "  version                     the library's version\n");
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  // Paths from the shell are in the user's locale; the library reads them so too.
-  std::setlocale(LC_CTYPE, "");
+int run(int argc, char** argv) {
   if (argc < 2) {
     printUsage(stderr);
     return varlok::kExitUsage;
@@ -54,4 +52,18 @@ int main(int argc, char** argv) {
   std::fprintf(stderr, "varlok: unknown command '%s'\n", command.c_str());
   printUsage(stderr);
   return varlok::kExitUsage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Paths from the shell are in the user's locale; the library reads them so too.
+  std::setlocale(LC_CTYPE, "");
+  varlok::openTextConversion();
+  try {
+    return run(argc, argv);
+  } catch (const std::bad_alloc&) {
+    std::fputs("varlok: out of memory\n", stderr);  // what allocates nothing can still be said
+    return varlok::kExitFailed;
+  }
 }
