@@ -10,10 +10,10 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -110,6 +110,21 @@ TEST(LogFile, LevelLettersAndNothingBelowInfo) {
 
 constexpr int kHelperLines = 4000;
 
+// A line of LogHelper.WriteLines from its time stamp to its "\r", and its
+// process, tag and number.
+bool WholeHelperLine(const std::string& line, int* pid, std::string* tag, int* number) {
+  int field[9], consumed = 0;
+  char letter = 0, xs[302] = {0};
+  const int got = std::sscanf(line.c_str(),
+                              "%4d-%2d-%2d %2d:%2d:%2d.%3d (%d|%d) [I] %c %d %301[x] (LoggingTest.cpp:%d "
+                              "LogHelper::WriteLines)%n",
+                              &field[0], &field[1], &field[2], &field[3], &field[4], &field[5], &field[6], pid,
+                              &field[7], &letter, number, xs, &field[8], &consumed);
+  *tag = std::string(1, letter);
+  return got == 13 && std::strlen(xs) == 300 && consumed > 0 && static_cast<size_t>(consumed) + 1 == line.size() &&
+         line.back() == '\r';
+}
+
 // Runs only as a helper of TwoProcessesOfOneExecutableWriteWholeLines.
 TEST(LogHelper, WriteLines) {
   const char* tag = std::getenv("LOG_HELPER_TAG");
@@ -143,23 +158,22 @@ TEST(LogFile, TwoProcessesOfOneExecutableWriteWholeLines) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << tag;
   }
   const std::string file = std::string(dir) + "/" + logFilePath(qorvarlok::platform::executablePath());
-  const std::regex whole(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \((\d+)\|\d+\) \[I\] ([AB]) (\d+) x{300} )"
-                         R"(\(LoggingTest\.cpp:\d+ LogHelper::WriteLines\)\r)");
   std::map<std::string, std::vector<int>> seen;  // tag -> how often each line number came
   size_t files = 0, broken = 0;
   for (const std::string& name : {file.substr(0, file.size() - 4) + ".2.log", file.substr(0, file.size() - 4) + ".1.log",
                                   file}) {
     std::ifstream in(name, std::ios::binary);
     files += in.good();
-    std::smatch m;
     for (std::string line; std::getline(in, line);) {
-      if (!std::regex_match(line, m, whole) || helpers[std::stoi(m[1])] != m[2]) {
+      int pid = 0, number = -1;
+      std::string tag;
+      if (!WholeHelperLine(line, &pid, &tag, &number) || helpers[pid] != tag || number >= kHelperLines) {
         if (++broken < 3) ADD_FAILURE() << "not a whole line: " << line.substr(0, 120);
         continue;
       }
-      std::vector<int>& count = seen[m[2]];
+      std::vector<int>& count = seen[tag];
       count.resize(kHelperLines);
-      ++count.at(static_cast<size_t>(std::stoi(m[3])));
+      ++count.at(static_cast<size_t>(number));
     }
   }
   EXPECT_EQ(0u, broken);
