@@ -1,6 +1,7 @@
 #include "LineAppendSink.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -39,8 +40,13 @@ void LineAppendSink::Open() {
 }
 
 void LineAppendSink::Rotate() {
+  // Processes rotate one at a time, under a lock on the log's directory: two
+  // rotating at once would rename a file over the one the other just moved.
   // Only the file this process has open is moved on: another process may
   // already have rotated it, and then the path names its new file.
+  const std::string parent = std::filesystem::path(m_path).parent_path().string();
+  const int dir = ::open(parent.empty() ? "." : parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dir >= 0) ::flock(dir, LOCK_EX);
   struct stat mine {}, named {};
   const bool stillNamed = ::fstat(m_fd, &mine) == 0 && ::stat(m_path.c_str(), &named) == 0 &&
                           mine.st_dev == named.st_dev && mine.st_ino == named.st_ino;
@@ -52,7 +58,13 @@ void LineAppendSink::Rotate() {
   }
   ::close(m_fd);
   m_fd = -1;
-  Open();
+  try {
+    Open();
+  } catch (...) {
+    if (dir >= 0) ::close(dir);  // closing drops the lock
+    throw;
+  }
+  if (dir >= 0) ::close(dir);
 }
 
 void LineAppendSink::sink_it_(const spdlog::details::log_msg& msg) {
