@@ -10,6 +10,7 @@
 #include "ShareMemCom.h"
 #define QORVARLOK_HAVE_SHM_BACKEND 1
 #endif
+#include "TagsTcpCom.h"
 
 namespace qorvarlok::facade {
 
@@ -35,9 +36,7 @@ std::shared_ptr<ZelmonteVarlok::Varlok> makeRealBackend(ComType comType) {
       return nullptr;
 #endif
     case COM_TYPE_TCP:
-      // The TCP backend (TagsTcpCom over ZelTagAccess) is made here once it
-      // exists; until then no backend answers for COM_TYPE_TCP.
-      return nullptr;
+      return std::make_shared<ZelmonteVarlok::TagsTcpCom>();
   }
   return nullptr;
 }

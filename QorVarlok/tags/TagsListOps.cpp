@@ -4,15 +4,19 @@
 #include <new>
 
 #include "TagsManager.h"
+#include "ZelTagAccess.h"
 #include "VarlokLog.h"
 
 namespace qorvarlok::tags {
 
 namespace {
 
-// No list may outgrow what one data swap can carry (the mapped area). Beyond
-// it the record array alone, one record per byte, would run to gigabytes.
-constexpr uint64_t kMaxListBytes = 0x500000;
+// No shared-memory list may outgrow what one data swap can carry (the mapped
+// area). Beyond it the record array alone, one record per byte, would run to
+// gigabytes. A TCP list never passes through that area: its bound is the one
+// frame its values travel in.
+constexpr uint64_t kMaxShmListBytes = 0x500000;
+constexpr uint64_t kMaxTcpListBytes = ZTA_MAX_LIST_VALUE_BYTES;
 
 }  // namespace
 
@@ -24,9 +28,10 @@ bool TagsManager::appendNode(TagsList& list, const std::string& name, bool withO
     return false;
   }
   const uint64_t total = uint64_t{list.totalBytes} + static_cast<uint64_t>(node->Size);
-  if (node->Size < 0 || total > kMaxListBytes) {
-    VLOG(err, "TagsManager::createHandleByTagsListNames", "tag {} of size {} does not fit a list of {} bytes",
-         name, node->Size, list.totalBytes);
+  const uint64_t bound = withOffsets ? kMaxShmListBytes : kMaxTcpListBytes;
+  if (node->Size < 0 || total > bound) {
+    VLOG(err, withOffsets ? "TagsManager::createHandleByTagsListNames" : "TagsManager::createTcpTagListByHandle",
+         "tag {} of size {} does not fit a list of {} bytes (at most {})", name, node->Size, list.totalBytes, bound);
     failed.push_back(name);
     return false;
   }
