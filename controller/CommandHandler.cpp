@@ -18,14 +18,6 @@ namespace {
 
 uint32_t Entry(const uint8_t* area, uint32_t i) { return Load<uint32_t>(area, kSwapEntries + 4u * i); }
 
-// A string value cut to its element keeps its terminator, so that the
-// controller's strings stay strings.
-void TerminateIfCut(uint8_t* target, uint32_t copied, uint32_t wire, const TypeLayout* type) {
-  if (wire <= copied || copied == 0) return;
-  if (type->shape == Shape::String) target[copied - 1] = 0;
-  if (type->shape == Shape::WString && copied >= 2) target[copied - 1] = target[copied - 2] = 0;
-}
-
 // Two instances started one after the other, even in the same process, get
 // unrelated starting points: the clock's nanoseconds and the pid, mixed so
 // that close inputs land far apart.
@@ -41,6 +33,12 @@ uint32_t SeededSequence() {
 }
 
 }  // namespace
+
+void TerminateIfCut(uint8_t* target, uint32_t copied, uint32_t wire, const TypeLayout* type) {
+  if (wire <= copied || copied == 0) return;
+  if (type->shape == Shape::String) target[copied - 1] = 0;
+  if (type->shape == Shape::WString && copied >= 2) target[copied - 1] = target[copied - 2] = 0;
+}
 
 CommandHandler::CommandHandler(ProcessImage& image, uint32_t dataSwapAreaSize, uint32_t firstSeq)
     : m_image(image), m_dataSwapAreaSize(dataSwapAreaSize), m_nextSeq(firstSeq != 0 ? firstSeq : SeededSequence()) {}

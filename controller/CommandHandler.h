@@ -32,6 +32,10 @@
 
 namespace qorvarlok::controller {
 
+// A string value cut to the bytes its element holds keeps its terminator, so
+// that the controller's strings stay strings (copied of wire bytes sent).
+void TerminateIfCut(uint8_t* target, uint32_t copied, uint32_t wire, const TypeLayout* type);
+
 // Err of a refused define or data swap command; errInfo of a refused
 // disconnect. (2, 3 and 4 on the connect channel are what the client maps to
 // its ERR_CONNECT_REFUSED codes.)

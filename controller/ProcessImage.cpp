@@ -177,7 +177,7 @@ ResolveResult ProcessImage::Resolve(const std::string& name, Location& out) cons
     if (!segments[i].indexGroups.empty()) return ResolveResult::UnknownVariable;
   }
   if (variable == nullptr) return ResolveResult::UnknownVariable;
-  Location at{variable->offset, variable->type->size, variable->type};
+  Location at{variable->offset, variable->type->size, variable->type, variable->access};
   for (size_t s = i; s < segments.size(); ++s) {
     if (s != i) {
       const ResolveResult r = ApplyMember(segments[s].ident, at);

@@ -32,6 +32,7 @@ struct Location {
   uint32_t offset = 0;  // in the image
   uint32_t size = 0;
   const TypeLayout* type = nullptr;
+  int access = 0;  // that of the variable the name begins with
 };
 
 enum class ResolveResult {

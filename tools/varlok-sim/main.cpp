@@ -1,7 +1,8 @@
 // varlok-sim: a soft controller. Serves the three shared memory channels of a
-// partition from a process image built from a symbol file, until SIGINT or
-// SIGTERM, then removes what it created. Logs to stderr; prints "ready" on
-// stdout (and on --ready-fd) once it serves.
+// partition, and with --tcp the tag-access protocol over TCP, from one process
+// image built from a symbol file, until SIGINT or SIGTERM, then removes what
+// it created. Logs to stderr; once it serves, prints "tcp ADDR:PORT" (with
+// --tcp) and "ready" on stdout, and the same lines on --ready-fd.
 #include <pthread.h>
 #include <signal.h>
 #include <spdlog/sinks/stdout_sinks.h>
@@ -17,6 +18,7 @@
 
 #include "Controller.h"
 #include "DemoTask.h"
+#include "TcpServer.h"
 #include "SymbolConfigReader.h"
 #include "VarlokLog.h"
 #include "WideConv.h"
@@ -39,6 +41,14 @@ const char* const kUsage =
     "  --claim-timeout-ms N    how long to wait for a partition that is being given up (default 500)\n"
     "  --ready-fd N            write \"ready\\n\" to file descriptor N once serving, then close it\n"
     "  --log-level LEVEL       trace, debug, info (default), warn, err\n"
+    "  --help                  print this text and exit\n"
+    "TCP (the tag-access protocol, beside the shared memory channels):\n"
+    "  --tcp [ADDR:]PORT       serve on PORT (0: any free port), on ADDR (default 127.0.0.1, loopback)\n"
+    "  --token-file FILE       clients must present the token in FILE (its first line)\n"
+    "  --tcp-max-connections N connections at once (default 128)\n"
+    "  --tcp-max-lists N       lists per connection (default 256)\n"
+    "  --tcp-idle-ms N         close a connection without a request for N ms (default 60000; 0 never)\n"
+    "  --tcp-limit-ms N        time for the handshake, for a frame begun, for an answer to be taken (default 5000)\n"
     "fault injection (CH is connect, define, dataswap or all; a comma list is allowed):\n"
     "  --refuse-connect N      answer every connect with errInfo N (2, 3 or 4)\n"
     "  --silent CH             never answer commands on CH\n"
@@ -54,6 +64,9 @@ struct Options {
   int readyFd = -1;
   std::string logLevel = "info";
   ControllerOptions controller;
+  bool tcp = false;
+  std::string tokenFile;
+  TcpServerOptions tcpOptions;
 };
 
 bool ParseNumber(const char* text, uint32_t& out) {
@@ -104,6 +117,14 @@ std::string ParseArguments(int argc, char** argv, Options& o) {
     else if (arg == "--claim-timeout-ms") ok = number(h.claimTimeoutMs);
     else if (arg == "--ready-fd") ok = number(n) && n <= INT32_MAX && (o.readyFd = static_cast<int>(n), true);
     else if (arg == "--log-level" && value != nullptr) o.logLevel = argv[++i];
+    else if (arg == "--tcp" && value != nullptr)
+      ok = (o.tcp = true, ParseListenAddress(argv[++i], o.tcpOptions.address, o.tcpOptions.port));
+    else if (arg == "--token-file" && value != nullptr) o.tokenFile = argv[++i];
+    else if (arg == "--tcp-max-connections") ok = number(o.tcpOptions.limits.maxConnections);
+    else if (arg == "--tcp-max-lists") ok = number(o.tcpOptions.limits.maxListsPerConnection);
+    else if (arg == "--tcp-idle-ms") ok = number(o.tcpOptions.limits.idleLimitMs);
+    else if (arg == "--tcp-limit-ms")
+      ok = number(n) && n > 0 && (o.tcpOptions.limits.handshakeLimitMs = o.tcpOptions.limits.frameLimitMs = n, true);
     else if (arg == "--refuse-connect") ok = number(f.refuseConnect) && f.refuseConnect >= 2 && f.refuseConnect <= 4;
     else if (arg == "--silent") ok = channels(f.silentMask);
     else if (arg == "--late-ms") ok = number(f.lateMs);
@@ -120,6 +141,7 @@ std::string ParseArguments(int argc, char** argv, Options& o) {
       o.logLevel != "err")
     return "bad value for --log-level: " + o.logLevel;
   if (f.errorMask != 0 && f.errorValue == 0) return "--error needs --error-value N with N not 0";
+  if (!o.tokenFile.empty() && !o.tcp) return "--token-file needs --tcp";
   return "";
 }
 
@@ -146,18 +168,39 @@ std::unique_ptr<ProcessImage> LoadImage(const std::string& path) {
   return ProcessImage::Build(*config);
 }
 
-void AnnounceReady(int readyFd) {
-  std::fputs("ready\n", stdout);
+// The token is the file's first line, without its line end.
+bool ReadToken(const std::string& path, std::string& token) {
+  std::FILE* f = std::fopen(path.c_str(), "rb");
+  if (f == nullptr) return false;
+  char line[512] = {0};
+  const bool read = std::fgets(line, sizeof line, f) != nullptr;
+  std::fclose(f);
+  if (!read) return false;
+  token = line;
+  while (!token.empty() && (token.back() == '\n' || token.back() == '\r')) token.pop_back();
+  return !token.empty() && token.size() <= qorvarlok::tagaccess::kMaxTokenLength;
+}
+
+void AnnounceReady(int readyFd, const TcpServer* tcp) {
+  std::string text;
+  if (tcp != nullptr) text = "tcp " + tcp->Address() + ":" + std::to_string(tcp->Port()) + "\n";
+  text += "ready\n";
+  std::fputs(text.c_str(), stdout);
   std::fflush(stdout);
   if (readyFd < 0) return;
-  const char line[] = "ready\n";
-  if (write(readyFd, line, sizeof line - 1) < 0) VLOG(warn, "varlok-sim", "cannot write to --ready-fd {}", readyFd);
+  if (write(readyFd, text.data(), text.size()) < 0) VLOG(warn, "varlok-sim", "cannot write to --ready-fd {}", readyFd);
   close(readyFd);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
+      std::fputs(kUsage, stdout);
+      return kExitOk;
+    }
+  }
   Options options;
   const std::string problem = ParseArguments(argc, argv, options);
   if (!problem.empty()) {
@@ -183,14 +226,28 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "varlok-sim: cannot start: %s\n", error.c_str());
     return kExitCannotServe;
   }
+  std::unique_ptr<TcpServer> tcp;
+  if (options.tcp) {
+    if (!options.tokenFile.empty() && !ReadToken(options.tokenFile, options.tcpOptions.token)) {
+      std::fprintf(stderr, "varlok-sim: cannot read a token (one line, 1 to %u bytes) from %s\n",
+                   qorvarlok::tagaccess::kMaxTokenLength, options.tokenFile.c_str());
+      return kExitUsage;
+    }
+    tcp = TcpServer::Start(controller->Handler(), options.tcpOptions, &error);
+    if (!tcp) {
+      std::fprintf(stderr, "varlok-sim: cannot start: %s\n", error.c_str());
+      return kExitCannotServe;
+    }
+  }
   std::unique_ptr<DemoTask> demo;
   if (options.demo) demo = std::make_unique<DemoTask>(controller->Handler(), options.demoCycleMs);
-  AnnounceReady(options.readyFd);
+  AnnounceReady(options.readyFd, tcp.get());
 
   int stopSignal = 0;
   sigwait(&stopSignals, &stopSignal);
   VLOG(info, "varlok-sim", "stopping on signal {}", stopSignal);
   demo.reset();
+  tcp.reset();
   controller.reset();
   spdlog::shutdown();
   return kExitOk;
