@@ -1,5 +1,5 @@
-// varlok read / write / watch: tags of a running controller on this machine,
-// through shared memory.
+// varlok read / write / watch: tags of a running controller, through shared
+// memory on this machine or, with --host, over TCP.
 #include <QorVarlok/ZelVarlok.h>
 #include <signal.h>
 
@@ -22,6 +22,7 @@ namespace {
 struct LiveOptions {
   std::string symbols;
   std::string partition;
+  std::string host;  // empty: shared memory
   long intervalMs = 500;
   long count = 0;  // watch: reads before stopping; 0 until interrupted
   Args words;      // tags, or TAG=VALUE pairs
@@ -41,6 +42,8 @@ bool parseOptions(const char* command, const Args& args, bool watch, LiveOptions
       o.symbols = args[++i];
     } else if (a == "--partition" && hasValue) {
       o.partition = args[++i];
+    } else if (a == "--host" && hasValue) {
+      o.host = args[++i];
     } else if (watch && a == "--interval" && hasValue && parseNumber(args[i + 1], o.intervalMs) && o.intervalMs > 0) {
       ++i;
     } else if (watch && a == "--count" && hasValue && parseNumber(args[i + 1], o.count)) {
@@ -53,7 +56,7 @@ bool parseOptions(const char* command, const Args& args, bool watch, LiveOptions
     }
   }
   if (o.symbols.empty() || o.words.empty()) {
-    std::fprintf(stderr, "usage: varlok %s --symbols FILE [--partition NAME]%s %s...\n", command,
+    std::fprintf(stderr, "usage: varlok %s --symbols FILE [--partition NAME | --host HOST[:PORT]]%s %s...\n", command,
                  watch ? " [--interval MS] [--count N]" : "", std::strcmp(command, "write") == 0 ? "TAG=VALUE" : "TAG");
     return false;
   }
@@ -90,11 +93,12 @@ class Session {
   bool open(const LiveOptions& o) {
     // The partition is the platform's configuration, read at its first use.
     if (!o.partition.empty()) ::setenv("VARLOK_PARTITION", o.partition.c_str(), 1);
-    unsigned int code = m_varlok.InitializeCom(COM_TYPE_LOCAL, o.symbols.c_str());
+    const bool tcp = !o.host.empty();
+    unsigned int code = m_varlok.InitializeCom(tcp ? COM_TYPE_TCP : COM_TYPE_LOCAL, o.symbols.c_str());
     if (code != 0) return fail("InitializeCom", code);
     m_bInitialized = true;
     code = 0;
-    m_device = m_varlok.ConnectToPlcDevice("Local", code);
+    m_device = m_varlok.ConnectToPlcDevice(tcp ? o.host.c_str() : "Local", code);
     if (m_device == nullptr || code != 0) return fail("ConnectToPlcDevice", code != 0 ? code : ERR_UNDEFINED);
     return true;
   }
