@@ -183,7 +183,8 @@ TEST_F(FacadeTest, InitializeComRefusesBadTypesAndMakesNoBackendWhileNoneExists)
     EXPECT_EQ(ERR_INVALID_COMTYPE, varlok.InitializeCom(type, static_cast<void*>(nullptr)));
   }
   EXPECT_EQ(0u, MadeCount());
-  qorvarlok::facade::SetVarlokFactoryForTests(nullptr);
+  // A factory that makes nothing: the paths of a type without a backend.
+  qorvarlok::facade::SetVarlokFactoryForTests([](ComType) { return std::shared_ptr<ZelmonteVarlok::Varlok>(); });
   EXPECT_EQ(ERR_UNDEFINED, varlok.InitializeCom(COM_TYPE_TCP, file.WidePath()));
   EXPECT_EQ(1u, log.CountOf(err, "m_pVarlok = nullptr", "ZelVarlok_p::createVarlok"));
   EXPECT_EQ(1u, log.CountOf(warn, "m_pVarlok==nullptr", "ZelVarlok::InitializeCom"));

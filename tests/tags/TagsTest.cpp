@@ -285,6 +285,15 @@ TEST_F(TagsTest, TcpMapKeepsListsByHandle) {
   m_manager->deleteTcpTagsList(h1);
   EXPECT_EQ(m_manager->searchTcpTagsList(h1), nullptr);
   EXPECT_NE(m_manager->searchTcpTagsList(h2), nullptr);
+  // A TCP list never passes the data swap area: 6 000 000 bytes fit, its bound is the one frame of its values.
+  void* h3 = reinterpret_cast<void*>(0x30);
+  EXPECT_EQ(m_manager->createTcpTagListByHandle(h3, {"App.GVL.huge", "App.GVL.speed"}), 0u);
+  EXPECT_EQ(m_manager->searchTcpTagsList(h3)->totalBytes, 6000004u);
+  Log().Clear();
+  EXPECT_EQ(m_manager->createTcpTagListByHandle(h2, {"App.GVL.huge", "App.GVL.huge", "App.GVL.huge"}),
+            ERR_EXIST_INVAILD_VAR);
+  EXPECT_EQ(Log().CountOf(spdlog::level::err, "tag App.GVL.huge of size 6000000 does not fit a list of 12000000 bytes",
+                          "TagsManager::createTcpTagListByHandle"), 1u);
   m_manager->releaseAllTcpTagsList();
   EXPECT_EQ(m_manager->searchTcpTagsList(h2), nullptr);
 }
