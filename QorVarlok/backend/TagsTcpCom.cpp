@@ -33,6 +33,45 @@ void CopyOut(void* to, const void* from, size_t n) {
   std::memcpy(to, from, n);
 }
 
+// The typed calls give each variable's kind in types: 17 a std::string, 18 a
+// std::wstring object. Their bytes are no value buffer; taken as raw bytes,
+// as the original adapter takes them, the object itself would be overwritten.
+constexpr int kStringObject = 17;
+constexpr int kWStringObject = 18;
+
+void ReadInto(void* head, int kind, const unsigned char* from, size_t n) {
+  if (head == nullptr) throw MissingBuffer{};
+  if (kind == kStringObject) {
+    static_cast<std::string*>(head)->assign(reinterpret_cast<const char*>(from), n);
+  } else if (kind == kWStringObject) {
+    auto* text = static_cast<std::wstring*>(head);
+    text->assign(n / 2, L'\0');
+    for (size_t u = 0; u < n / 2; ++u) (*text)[u] = static_cast<wchar_t>(from[2 * u] | (from[2 * u + 1] << 8));
+  } else {
+    CopyOut(head, from, n);
+  }
+}
+
+void WriteFrom(unsigned char* to, int kind, const void* head, size_t n) {
+  if (head == nullptr && n != 0) throw MissingBuffer{};
+  if (kind == kStringObject) {
+    const auto* text = static_cast<const std::string*>(head);
+    std::memset(to, 0, n);
+    std::memcpy(to, text->data(), std::min(n, text->size()));
+  } else if (kind == kWStringObject) {
+    const auto* text = static_cast<const std::wstring*>(head);
+    std::memset(to, 0, n);
+    for (size_t u = 0; u < n / 2 && u < text->size(); ++u) {
+      to[2 * u] = static_cast<unsigned char>((*text)[u] & 0xFF);
+      to[2 * u + 1] = static_cast<unsigned char>(((*text)[u] >> 8) & 0xFF);
+    }
+  } else {
+    CopyOut(to, head, n);
+  }
+}
+
+int KindOf(const std::vector<int>& types, size_t i) { return i < types.size() ? types[i] : 0; }
+
 size_t LengthOf(const ZtaTagValue& record) {
   return record.ValueLength > 0 ? static_cast<size_t>(record.ValueLength) : 0;
 }
@@ -218,7 +257,7 @@ unsigned int TagsTcpCom::CheckLengths(const TagsList& list, std::vector<void*>& 
   return 0;
 }
 
-unsigned int TagsTcpCom::ReadTagValue(void* handle, std::vector<void*>& dataHeads, std::vector<int>& /*types*/,
+unsigned int TagsTcpCom::ReadTagValue(void* handle, std::vector<void*>& dataHeads, std::vector<int>& types,
                                       std::vector<int>& lengths) {
   constexpr const char* kFunc = "TagsTcpCom::ReadTagValue";
   std::lock_guard<std::mutex> lock(m_mutex);
@@ -237,7 +276,8 @@ unsigned int TagsTcpCom::ReadTagValue(void* handle, std::vector<void*>& dataHead
   if (r != 0) return r;
   for (size_t i = 0; i < dataHeads.size() && i < count && records != nullptr; ++i) {
     // Never more than the caller's length: the library's width could only differ if it broke its word.
-    CopyOut(dataHeads[i], records[i].Value, std::min(LengthOf(records[i]), static_cast<size_t>(lengths[i])));
+    const size_t n = std::min(LengthOf(records[i]), static_cast<size_t>(lengths[i]));
+    ReadInto(dataHeads[i], KindOf(types, i), static_cast<const unsigned char*>(records[i].Value), n);
   }
   return 0;
 }
@@ -258,7 +298,7 @@ unsigned int TagsTcpCom::WriteTagValue(void* handle, unsigned char* data, unsign
   return r;
 }
 
-unsigned int TagsTcpCom::WriteTagValue(void* handle, std::vector<void*>& dataHeads, std::vector<int>& /*types*/,
+unsigned int TagsTcpCom::WriteTagValue(void* handle, std::vector<void*>& dataHeads, std::vector<int>& types,
                                        std::vector<int>& lengths) {
   constexpr const char* kFunc = "TagsTcpCom::WriteTagValue";
   std::lock_guard<std::mutex> lock(m_mutex);
@@ -274,7 +314,7 @@ unsigned int TagsTcpCom::WriteTagValue(void* handle, std::vector<void*>& dataHea
   size_t offset = 0;
   for (size_t i = 0; i < dataHeads.size(); ++i) {
     const size_t n = static_cast<size_t>(std::max(lengths[i], 0));
-    CopyOut(list->valueBuffer + offset, dataHeads[i], n);
+    WriteFrom(list->valueBuffer + offset, KindOf(types, i), dataHeads[i], n);
     offset += n;
   }
   void* image = list->valueBuffer;

@@ -31,7 +31,7 @@ bool TagsManager::appendNode(TagsList& list, const std::string& name, bool withO
   const uint64_t bound = withOffsets ? kMaxShmListBytes : kMaxTcpListBytes;
   if (node->Size < 0 || total > bound) {
     VLOG(err, withOffsets ? "TagsManager::createHandleByTagsListNames" : "TagsManager::createTcpTagListByHandle",
-         "tag {} of size {} does not fit a list of {} bytes (at most {})", name, node->Size, list.totalBytes, bound);
+         "tag {} of size {} does not fit a list of {} bytes", name, node->Size, list.totalBytes);
     failed.push_back(name);
     return false;
   }

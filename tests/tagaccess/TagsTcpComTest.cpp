@@ -184,10 +184,22 @@ TEST_F(TagsTcpComTest, ListOperationsKeepTheirDifferencesFromSharedMemory) {
   uint8_t flag = 0;
   char str[81] = {};
   std::vector<void*> heads{&counter, &flag, str};
-  std::vector<int> types{7, 0, 17}, lengths{4, 1, 81};
+  std::vector<int> types{32767, 32767, 32767}, lengths{4, 1, 81};
   ASSERT_EQ(backend.ReadTagValue(h, heads, types, lengths), 0u);
   EXPECT_EQ(counter, 42);
   EXPECT_EQ(str[0], 'h');
+  // A std::string variable (kind 17) is filled as a string, not overwritten as bytes.
+  std::string text81(81, 'z');
+  std::vector<void*> withString{&counter, &flag, &text81};
+  std::vector<int> kinds{32767, 32767, 17}, sized{4, 1, 81};
+  ASSERT_EQ(backend.ReadTagValue(h, withString, kinds, sized), 0u);
+  EXPECT_EQ(text81.size(), 81u);
+  EXPECT_EQ(text81.substr(0, 2), std::string("h\0", 2));
+  text81 = std::string(81, 'w');
+  Fake().writeResult = 0;
+  ASSERT_EQ(backend.WriteTagValue(h, withString, kinds, sized), 0u);
+  EXPECT_EQ(Fake().written[5], 'w');
+  EXPECT_EQ(Fake().written[85], 'w');
   counter = 7;
   Fake().writeResult = 0;
   ASSERT_EQ(backend.WriteTagValue(h, heads, types, lengths), 0u);
