@@ -40,12 +40,13 @@ printf '\n$ varlok browse /nonexistent.xml   (a bad file: exit code and text)\n'
 "$VARLOK" browse /nonexistent.xml || echo "exit code $?"
 
 echo
-echo "== Against a running controller: varlok-sim with the demo task"
+echo "== Against a running controller: varlok-sim with the demo task, through shared memory"
 SIM="$BUILD/tools/varlok-sim/varlok-sim"
 PARTITION="varlok-demo-$$"
 READY="$BUILD/varlok-sim.ready"
 rm -f "$READY"
-"$SIM" --symbols "$DEMO_XML" --partition "$PARTITION" --demo >"$READY" 2>"$BUILD/varlok-sim.log" &
+# --tcp 0: also serve over TCP, on a free port of the loopback address (it prints which).
+"$SIM" --symbols "$DEMO_XML" --partition "$PARTITION" --demo --tcp 0 >"$READY" 2>"$BUILD/varlok-sim.log" &
 SIM_PID=$!
 # Stop the simulator we started, by its pid, whatever happens below.
 stop_sim() {
@@ -61,13 +62,22 @@ for _ in $(seq 1 100); do
   sleep 0.1
 done
 grep -q '^ready' "$READY" || { echo "varlok-sim did not become ready" >&2; exit 1; }
-echo "varlok-sim serves partition $PARTITION (pid $SIM_PID)"
+TCP_ADDRESS="$(sed -n 's/^tcp //p' "$READY")"
+echo "varlok-sim serves partition $PARTITION and TCP on $TCP_ADDRESS (pid $SIM_PID)"
 
 LIVE=(--symbols "$DEMO_XML" --partition "$PARTITION")
 show read "${LIVE[@]}" App.GVL.counter App.GVL.sine App.GVL.toggle App.GVL.message App.GVL.counters
 show write "${LIVE[@]}" "App.GVL.message=hello from the demo" "App.GVL.counters[2]=42"
 show read "${LIVE[@]}" App.GVL.message "App.GVL.counters[2]" App.GVL.counters
 show watch "${LIVE[@]}" --interval 250 --count 12 App.GVL.counter App.GVL.sine App.GVL.toggle
+
+echo
+echo "== The same controller over TCP ($TCP_ADDRESS)"
+REMOTE=(--symbols "$DEMO_XML" --host "$TCP_ADDRESS")
+show read "${REMOTE[@]}" App.GVL.counter App.GVL.message
+show write "${REMOTE[@]}" "App.GVL.message=hello over TCP"
+show read "${REMOTE[@]}" App.GVL.message
+show read "${LIVE[@]}" App.GVL.message
 
 stop_sim
 trap - EXIT
