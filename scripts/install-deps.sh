@@ -10,6 +10,7 @@ PACKAGES=(
   libspdlog-dev libfmt-dev libtinyxml-dev libasio-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
+  libmodbus-dev
   locales
 )
 
