@@ -1,5 +1,6 @@
 #include "TagAccessClient.h"
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -130,6 +131,9 @@ std::shared_ptr<Device> Device::Connect(const std::string& address, uint32_t tim
     ::close(fd);
     return nullptr;
   }
+  // Asio left the descriptor non-blocking after the connect; the device's calls block with time limits.
+  const int flags = fcntl(fd, F_GETFL);
+  if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) return nullptr;
   if (!SetTimeLimit(fd, SO_SNDTIMEO, timeoutMs)) return nullptr;
   err = device->Handshake(token);
   return err == 0 ? device : nullptr;
