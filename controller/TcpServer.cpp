@@ -75,6 +75,9 @@ class TcpServer::Impl {
   asio::steady_timer m_sweep;
   asio::steady_timer m_retry;
   std::set<std::shared_ptr<Connection>> m_live;
+  // Set on the server's thread when it stops: a timer or an accept that had
+  // already completed must not start new work behind the stop.
+  bool m_bStopping = false;
   uint64_t m_refusedUnlogged = 0;
   Clock::time_point m_lastRefusalLog{};
 };
@@ -203,12 +206,14 @@ bool TcpServer::Impl::Listen(std::string* error) {
 }
 
 void TcpServer::Impl::Accept() {
+  if (m_bStopping) return;
   m_acceptor.async_accept([this](const asio::error_code& ec, tcp::socket socket) { OnAccept(ec, std::move(socket)); });
 }
 
 void TcpServer::Impl::OnAccept(const asio::error_code& ec, tcp::socket socket) {
-  if (ec == asio::error::operation_aborted) return;
+  if (ec == asio::error::operation_aborted || m_bStopping) return;
   if (ec) {
+    if (!m_acceptor.is_open()) return;
     // Out of descriptors, most likely: wait a little instead of spinning.
     VLOG(warn, kFunc, "tcp: accept failed: {}; trying again in 100 ms", ec.message());
     m_retry.expires_after(std::chrono::milliseconds(100));
@@ -253,6 +258,7 @@ void TcpServer::Impl::Refuse(tcp::socket& socket) {
 }
 
 void TcpServer::Impl::Sweep() {
+  if (m_bStopping) return;
   const TcpLimits& l = m_options.limits;
   uint32_t shortest = std::min({l.handshakeLimitMs, l.frameLimitMs, l.idleLimitMs == 0 ? 1000u : l.idleLimitMs});
   const auto period = std::chrono::milliseconds(std::clamp<uint32_t>(shortest / 4, 10, 250));
@@ -273,6 +279,7 @@ void TcpServer::Impl::Forget(const std::shared_ptr<Connection>& c) {
 
 void TcpServer::Impl::Stop() {
   asio::post(m_io, [this] {
+    m_bStopping = true;
     asio::error_code ec;
     m_acceptor.close(ec);
     m_sweep.cancel();

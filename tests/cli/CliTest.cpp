@@ -45,10 +45,10 @@ class Cli : public ::testing::Test {
     return path(name);
   }
 
-  // Runs varlok with the arguments in the test's directory, within addressSpace
-  // bytes if given; a run that outlives 10 s is killed and fails the test
-  // instead of hanging it.
-  Result run(const std::vector<std::string>& args, rlim_t addressSpace = 0) const {
+  // Runs exe (varlok unless named) with the arguments in the test's
+  // directory, within addressSpace bytes if given; a run that outlives 10 s
+  // is killed and fails the test instead of hanging it.
+  Result run(const std::vector<std::string>& args, const char* exe = VARLOK_EXE, rlim_t addressSpace = 0) const {
     Result r;
     const std::string outPath = path(".stdout"), errPath = path(".stderr");
     const pid_t pid = ::fork();
@@ -61,10 +61,10 @@ class Cli : public ::testing::Test {
       ::setenv("LC_ALL", "C.UTF-8", 1);
       const rlimit limit{addressSpace, addressSpace};
       if (addressSpace != 0 && ::setrlimit(RLIMIT_AS, &limit) != 0) ::_exit(126);
-      std::vector<char*> argv{const_cast<char*>(VARLOK_EXE)};
+      std::vector<char*> argv{const_cast<char*>(exe)};
       for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
       argv.push_back(nullptr);
-      ::execv(VARLOK_EXE, argv.data());
+      ::execv(exe, argv.data());
       ::_exit(127);
     }
     int status = 0;
@@ -185,7 +185,7 @@ TEST_F(Cli, FlatListingOutOfMemoryTellsItsFailureInUtf8) {
                                               "</TypeList><NodeList><Node name=\"App\"><Node name=\"GVL\"><Node "
                                               "name=\"v\" type=\"T21\" access=\"Read\"/></Node></Node></NodeList>"
                                               "</Symbolconfiguration>");
-  const Result r = run({"browse", "--flat", big}, rlim_t{300} << 20);
+  const Result r = run({"browse", "--flat", big}, VARLOK_EXE, rlim_t{300} << 20);
   EXPECT_EQ(r.exitCode, 1);
   // The library's catch-all code, described by the mask rule as a line error: 符号配置文件行错误(-301989890 行)
   EXPECT_EQ(r.err, "varlok browse: flat list: 0xFFFFFFFE \xE7\xAC\xA6\xE5\x8F\xB7\xE9\x85\x8D\xE7\xBD\xAE\xE6\x96\x87"
@@ -222,15 +222,17 @@ class LiveCli : public Cli {
     if (m_sim == 0) {
       ::close(fds[0]);
       const std::string fd = std::to_string(fds[1]);
-      ::execl(VARLOK_SIM_EXE, VARLOK_SIM_EXE, "--symbols", DEMO_XML, "--partition", m_partition.c_str(), "--ready-fd",
-              fd.c_str(), "--log-level", "warn", static_cast<char*>(nullptr));
+      ::execl(VARLOK_SIM_EXE, VARLOK_SIM_EXE, "--symbols", DEMO_XML, "--partition", m_partition.c_str(), "--tcp", "0",
+              "--ready-fd", fd.c_str(), "--log-level", "warn", static_cast<char*>(nullptr));
       ::_exit(127);
     }
     ::close(fds[1]);
-    char ready[8] = {0};
+    char ready[64] = {0};  // "tcp 127.0.0.1:PORT\nready\n", in one write
     const bool served = ::read(fds[0], ready, sizeof(ready) - 1) > 0;  // closed without a word if it failed
     ::close(fds[0]);
     ASSERT_TRUE(served) << "varlok-sim did not start";
+    const std::string text = ready;
+    m_host = text.substr(4, text.find('\n') - 4);
   }
   void TearDown() override {
     if (m_sim > 0 && ::kill(m_sim, SIGTERM) == 0) ::waitpid(m_sim, nullptr, 0);
@@ -241,9 +243,28 @@ class LiveCli : public Cli {
     return run(words);
   }
 
-  std::string m_partition;
+  std::string m_partition, m_host;
   pid_t m_sim = -1;
 };
+
+TEST_F(LiveCli, OverTcpWithHostTheSameImageAndHelpOfBothTools) {
+  const Result w = run({"write", "--symbols", DEMO_XML, "--host", m_host, "App.Types.vDInt=77", "App.GVL.message=tcp"});
+  ASSERT_EQ(w.exitCode, 0) << w.err;
+  const Result local = live("read", {"App.Types.vDInt", "App.GVL.message"});
+  EXPECT_EQ(local.out, "App.Types.vDInt = 77\nApp.GVL.message = 'tcp'\n") << local.err;
+  const Result remote = run({"read", "--symbols", DEMO_XML, "--host", m_host, "App.Types.vDInt", "App.GVL.counters"});
+  EXPECT_EQ(remote.out, "App.Types.vDInt = 77\nApp.GVL.counters = [0, 0, 0, 0, 0, 0, 0, 0, 0, 0]\n") << remote.err;
+  const Result refused = run({"read", "--symbols", DEMO_XML, "--host", "127.0.0.1:1", "App.Types.vDInt"});
+  EXPECT_EQ(refused.exitCode, 1);
+  EXPECT_NE(refused.err.find("varlok read: ConnectToPlcDevice: 0x10000103"), std::string::npos) << refused.err;
+  const Result help = run({"--help"});
+  EXPECT_EQ(help.exitCode, 0);
+  EXPECT_NE(help.out.find("--host HOST[:PORT]"), std::string::npos);
+  const Result simHelp = run({"--help"}, VARLOK_SIM_EXE);
+  EXPECT_EQ(simHelp.exitCode, 0);
+  EXPECT_EQ(simHelp.out.rfind("usage: varlok-sim --symbols FILE", 0), 0u) << simHelp.out;
+  EXPECT_NE(simHelp.out.find("--tcp [ADDR:]PORT"), std::string::npos);
+}
 
 TEST_F(LiveCli, WriteThenReadBackDecodedByType) {
   const Result w = live("write", {"App.Types.vDInt=-42", "App.Types.vReal=1.5", "App.Types.vLInt=-5000000000",
