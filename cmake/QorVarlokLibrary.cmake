@@ -19,7 +19,7 @@ target_link_libraries(QorVarlok PRIVATE qv_internal)
 target_link_libraries(QorVarlok PUBLIC qv_api)
 # Export exactly the interface; everything else stays local.
 target_link_options(QorVarlok PRIVATE
-  -Wl,--version-script=${CMAKE_SOURCE_DIR}/QorVarlok/exports.map -Wl,--no-undefined)
+  -Wl,--version-script=${CMAKE_SOURCE_DIR}/QorVarlok/exports.map ${QORVARLOK_NO_UNDEFINED})
 set_target_properties(QorVarlok PROPERTIES
   VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
   LINK_DEPENDS ${CMAKE_SOURCE_DIR}/QorVarlok/exports.map)
