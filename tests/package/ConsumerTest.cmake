@@ -1,7 +1,8 @@
 # Installs the library's component of the build into a fresh prefix, checks
 # that the prefix holds exactly the public header, the library with the vendor
 # stand-ins it needs and the package files, then configures, builds and runs
-# a small program that finds the package by find_package.
+# a small program that finds the package by find_package; the whole
+# installation runs both tools.
 cmake_minimum_required(VERSION 3.25)
 
 function(run what)
@@ -36,6 +37,15 @@ foreach(required include/QorVarlok/ZelVarlok.h ${LIBDIR}/libQorVarlok.so
         ${LIBDIR}/cmake/QorVarlok/QorVarlokConfig.cmake ${LIBDIR}/cmake/QorVarlok/QorVarlokConfigVersion.cmake)
   if(NOT EXISTS ${PREFIX}/${required})
     message(FATAL_ERROR "not installed: ${required} (installed: ${installed})")
+  endif()
+endforeach()
+
+# The whole installation also brings the two tools, which run from there.
+run("full install" ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/full)
+foreach(tool varlok varlok-sim)
+  run("${tool} --help" ${WORK_DIR}/full/bin/${tool} --help)
+  if(NOT RUN_OUTPUT MATCHES "^usage: ${tool} ")
+    message(FATAL_ERROR "${tool} --help said: ${RUN_OUTPUT}")
   endif()
 endforeach()
 
