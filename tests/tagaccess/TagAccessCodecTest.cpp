@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 
 #include "QorVarlok/ZelVarlok.h"
 #include "TagAccessClient.h"
@@ -103,9 +104,6 @@ TEST(TagAccessCodec, EveryMessageRoundTripsThroughTheAssemblerInAnyPieces) {
 }
 
 TEST(TagAccessCodec, MalformedFramesAndBodiesAreRefusedWithTheirReason) {
-  auto put32 = [](std::vector<uint8_t>& b, uint32_t v) {
-    for (int i = 0; i < 4; ++i) b.push_back(static_cast<uint8_t>(v >> (8 * i)));
-  };
   struct HeaderCase {
     const char* what;
     std::vector<uint8_t> bytes;
@@ -129,46 +127,44 @@ TEST(TagAccessCodec, MalformedFramesAndBodiesAreRefusedWithTheirReason) {
     EXPECT_TRUE(Assemble(c.bytes, true, 3, last).empty());
     EXPECT_EQ(last, c.expected);
   }
-  // Bodies inside sound frames.
-  std::vector<uint8_t> million;
-  put32(million, 100), put32(million, 1000000);
-  std::vector<uint8_t> longName;
-  put32(longName, 100), put32(longName, 1), put32(longName, 4);
-  longName.push_back(0x10), longName.push_back(0x27);  // 10 000
-  longName.resize(longName.size() + 10000, 'q');
-  std::vector<uint8_t> lyingCount;
-  put32(lyingCount, 100), put32(lyingCount, 5000);  // no names follow
-  std::vector<uint8_t> nul;
-  put32(nul, 100), put32(nul, 1), put32(nul, 4), nul.push_back(3), nul.push_back(0);
-  nul.insert(nul.end(), {'a', 0, 'b'});
-  std::vector<uint8_t> empty;
-  put32(empty, 100), put32(empty, 1), put32(empty, 4), empty.push_back(0), empty.push_back(0), empty.push_back(0);
+  // Bodies inside sound frames: 32-bit words, then raw bytes, then a run of filler.
+  auto body = [](std::vector<uint32_t> words, std::vector<uint8_t> tail = {}, size_t fill = 0) {
+    std::vector<uint8_t> b;
+    for (uint32_t w : words)
+      for (int i = 0; i < 4; ++i) b.push_back(static_cast<uint8_t>(w >> (8 * i)));
+    b.insert(b.end(), tail.begin(), tail.end());
+    b.resize(b.size() + fill, 'q');
+    return b;
+  };
   DefineRequest d;
-  EXPECT_EQ(DecodeDefine(View(million), d), Refusal::TooManyNames);
-  EXPECT_EQ(DecodeDefine(View(longName), d), Refusal::NameTooLong);
-  EXPECT_EQ(DecodeDefine(View(lyingCount), d), Refusal::Truncated);
-  EXPECT_EQ(DecodeDefine(View(nul), d), Refusal::NameWithNul);
-  EXPECT_EQ(DecodeDefine(View(empty), d), Refusal::EmptyName);
-  Hello h;
-  std::vector<uint8_t> wrongMagic = {'H', 'T', 'T', 'P', 1, 0, 0, 0};
-  EXPECT_EQ(DecodeHello(View(wrongMagic), h), Refusal::BadMagic);
-  std::vector<uint8_t> longToken;
-  put32(longToken, kMagic), longToken.push_back(1), longToken.push_back(0), longToken.push_back(0x01),
-      longToken.push_back(0x01);  // 257
-  longToken.resize(longToken.size() + 257, 't');
-  EXPECT_EQ(DecodeHello(View(longToken), h), Refusal::TokenTooLong);
-  std::vector<uint8_t> trailing;
-  put32(trailing, 7), trailing.push_back(0);
-  uint32_t list = 0;
-  EXPECT_EQ(DecodeListRequest(View(trailing), list), Refusal::TrailingBytes);
-  std::vector<uint8_t> shortWrite;
-  put32(shortWrite, 7), put32(shortWrite, 100), shortWrite.push_back(1);
-  WriteRequest w;
-  EXPECT_EQ(DecodeWrite(View(shortWrite), w), Refusal::Truncated);
-  std::vector<uint8_t> lyingAnswer;
-  put32(lyingAnswer, 1), put32(lyingAnswer, 1000000);
   DefineAnswer a;
-  EXPECT_EQ(DecodeDefineAnswer(View(lyingAnswer), a), Refusal::TooManyNames);
+  Hello h;
+  WriteRequest w;
+  uint32_t list = 0;
+  struct BodyCase {
+    const char* what;
+    std::vector<uint8_t> bytes;
+    std::function<Refusal(Bytes)> decode;
+    Refusal expected;
+  };
+  const auto define = [&](Bytes b) { return DecodeDefine(b, d); };
+  const std::vector<BodyCase> bodies = {
+      {"a define of a million names", body({100, 1000000}), define, Refusal::TooManyNames},
+      {"a name of 10 000 bytes", body({100, 1, 4}, {0x10, 0x27}, 10000), define, Refusal::NameTooLong},
+      {"a count the body cannot hold", body({100, 5000}), define, Refusal::Truncated},
+      {"a name with a NUL", body({100, 1, 4}, {3, 0, 'a', 0, 'b'}), define, Refusal::NameWithNul},
+      {"an empty name", body({100, 1, 4}, {0, 0, 0}), define, Refusal::EmptyName},
+      {"a wrong magic", {'H', 'T', 'T', 'P', 1, 0, 0, 0}, [&](Bytes b) { return DecodeHello(b, h); },
+       Refusal::BadMagic},
+      {"a token of 257 bytes", body({kMagic}, {1, 0, 1, 1}, 257), [&](Bytes b) { return DecodeHello(b, h); },
+       Refusal::TokenTooLong},
+      {"a byte too many", body({7}, {0}), [&](Bytes b) { return DecodeListRequest(b, list); }, Refusal::TrailingBytes},
+      {"a write shorter than its count", body({7, 100}, {1}), [&](Bytes b) { return DecodeWrite(b, w); },
+       Refusal::Truncated},
+      {"an answer of a million tags", body({1, 1000000}), [&](Bytes b) { return DecodeDefineAnswer(b, a); },
+       Refusal::TooManyNames},
+  };
+  for (const BodyCase& c : bodies) EXPECT_EQ(c.decode(View(c.bytes)), c.expected) << c.what;
 }
 
 TEST(TagAccessCodec, TheClientChecksAnswersAgainstItsListAndParsesAddresses) {
@@ -191,27 +187,15 @@ TEST(TagAccessCodec, TheClientChecksAnswersAgainstItsListAndParsesAddresses) {
   body = {6, 0, 0, 0, 1, 2, 3, 4, 5, 6};  // fewer bytes than the list
   EXPECT_EQ(ApplyReadAnswer(View(body), list), ERR_READ_FAILED);
 
-  struct AddressCase {
-    const char* text;
-    bool ok;
-    const char* host;
-    uint16_t port;
-  };
-  for (const AddressCase& c : std::vector<AddressCase>{{"plc1", true, "plc1", ZTA_DEFAULT_PORT},
-                                                       {"127.0.0.1:502", true, "127.0.0.1", 502},
-                                                       {"[::1]:7000", true, "::1", 7000},
-                                                       {"[::1]", true, "::1", ZTA_DEFAULT_PORT},
-                                                       {"::1", false, "", 0},
-                                                       {"host:", false, "", 0},
-                                                       {"host:0", false, "", 0},
-                                                       {"host:65536", false, "", 0},
-                                                       {"host:12x", false, "", 0},
-                                                       {":80", false, "", 0},
-                                                       {"", false, "", 0}}) {
+  // "text", or "text=host:port" when it parses.
+  for (const std::string c : {"plc1=plc1:4850", "127.0.0.1:502=127.0.0.1:502", "[::1]:7000=::1:7000", "[::1]=::1:4850",
+                              "::1", "host:", "host:0", "host:65536", "host:12x", ":80", ""}) {
+    const size_t eq = c.find('=');
     std::string host;
     uint16_t port = 0;
-    EXPECT_EQ(ParseAddress(c.text, host, port), c.ok) << c.text;
-    if (!c.ok) continue;
-    EXPECT_EQ(host + ":" + std::to_string(port), std::string(c.host) + ":" + std::to_string(c.port));
+    EXPECT_EQ(ParseAddress(c.substr(0, eq), host, port), eq != std::string::npos) << c;
+    if (eq != std::string::npos) {
+      EXPECT_EQ(host + ":" + std::to_string(port), c.substr(eq + 1));
+    }
   }
 }
