@@ -166,6 +166,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   void OnWritten(const asio::error_code& ec) {
     m_writeSince.reset();
+    // The answer to a read of a large list does not keep its room for the connection's life.
+    if (m_out.capacity() > 2 * TcpSession::kOutHighWater) std::vector<uint8_t>().swap(m_out);
     if (m_bClosed) return;
     if (ec || m_bClosing) return Shut();
     // Frames may still wait in the buffer when the answers filled a batch.

@@ -281,11 +281,15 @@ Refusal DecodeEmpty(Bytes body) { return body.size == 0 ? Refusal::Ok : Refusal:
 
 // ----------------------------------------------------------- frame assembly
 FrameAssembler::FrameAssembler(bool requests, size_t initialCapacity)
-    : m_bRequests(requests), m_buffer(initialCapacity < kHeaderSize ? kHeaderSize : initialCapacity) {}
+    : m_bRequests(requests),
+      m_initial(initialCapacity < kHeaderSize ? kHeaderSize : initialCapacity),
+      m_buffer(m_initial) {}
 
 uint8_t* FrameAssembler::Space(size_t& available) {
   if (m_begin == m_end) {
     m_begin = m_end = 0;
+    // A frame of many megabytes does not keep its room once it is done.
+    if (m_buffer.size() > 4 * m_initial) std::vector<uint8_t>(m_initial).swap(m_buffer);
   } else if (m_begin != 0 && m_buffer.size() - m_begin < m_need) {
     // Move the frame begun to the front, so that it fits once grown.
     std::memmove(m_buffer.data(), m_buffer.data() + m_begin, m_end - m_begin);

@@ -160,6 +160,7 @@ class FrameAssembler {
 
  private:
   bool m_bRequests;
+  size_t m_initial;
   std::vector<uint8_t> m_buffer;
   size_t m_begin = 0;
   size_t m_end = 0;
