@@ -48,6 +48,7 @@ struct ServedProject {
   T Value(const std::string& name) {
     Location at;
     T v{};
+    auto lock = handler->Lock();  // the server's thread writes under it
     if (image->Resolve(name, at) == ResolveResult::Ok) std::memcpy(&v, image->Data() + at.offset, sizeof v);
     return v;
   }
