@@ -22,25 +22,14 @@ static_assert(offsetof(ZtaTagValue, Value) == offsetof(tagTagVarValue, Value), "
 
 namespace {
 
-// Thrown where the original adapter would touch a missing buffer and fault:
-// the facade's catch-all reports it ("unknown exception"), as it reports the
-// fault, instead of the process ending.
-struct MissingBuffer {};
-
-void CopyOut(void* to, const void* from, size_t n) {
-  if (n == 0) return;
-  if (to == nullptr || from == nullptr) throw MissingBuffer{};
-  std::memcpy(to, from, n);
-}
-
 // The typed calls give each variable's kind in types: 17 a std::string, 18 a
 // std::wstring object. Their bytes are no value buffer; taken as raw bytes,
-// as the original adapter takes them, the object itself would be overwritten.
+// as the documented adapter takes them, the object itself would be overwritten.
 constexpr int kStringObject = 17;
 constexpr int kWStringObject = 18;
 
 void ReadInto(void* head, int kind, const unsigned char* from, size_t n) {
-  if (head == nullptr) throw MissingBuffer{};
+  if (head == nullptr) throw CallerBufferFault();
   if (kind == kStringObject) {
     static_cast<std::string*>(head)->assign(reinterpret_cast<const char*>(from), n);
   } else if (kind == kWStringObject) {
@@ -48,12 +37,12 @@ void ReadInto(void* head, int kind, const unsigned char* from, size_t n) {
     text->assign(n / 2, L'\0');
     for (size_t u = 0; u < n / 2; ++u) (*text)[u] = static_cast<wchar_t>(from[2 * u] | (from[2 * u + 1] << 8));
   } else {
-    CopyOut(head, from, n);
+    CopyCallerBytes(head, from, n);
   }
 }
 
 void WriteFrom(unsigned char* to, int kind, const void* head, size_t n) {
-  if (head == nullptr && n != 0) throw MissingBuffer{};
+  if (head == nullptr && n != 0) throw CallerBufferFault();
   if (kind == kStringObject) {
     const auto* text = static_cast<const std::string*>(head);
     std::memset(to, 0, n);
@@ -66,7 +55,7 @@ void WriteFrom(unsigned char* to, int kind, const void* head, size_t n) {
       to[2 * u + 1] = static_cast<unsigned char>(((*text)[u] >> 8) & 0xFF);
     }
   } else {
-    CopyOut(to, head, n);
+    CopyCallerBytes(to, head, n);
   }
 }
 
@@ -291,7 +280,7 @@ unsigned int TagsTcpCom::WriteTagValue(void* handle, unsigned char* data, unsign
     VLOG(err, kFunc, "tagslist={}, rawCount={}", list->length, rawCount);
     return ERR_UNMATCH_WITH_DEFINE;
   }
-  if (data == nullptr && list->totalBytes != 0) throw MissingBuffer{};
+  if (data == nullptr && list->totalBytes != 0) throw CallerBufferFault();
   void* image = data;
   const uint32_t r = TagAccess().WriteTagListValue(handle, &image);
   if (r != 0) VLOG(warn, kFunc, "{}", r);
@@ -343,12 +332,12 @@ unsigned int TagsTcpCom::ReadArray(void* handle, void* data, int length, unsigne
   if (r == 0 && n > 0 && records != nullptr) {
     const ZtaTagValue& first = records[0];
     if (start == 0 && count == 0) {
-      CopyOut(data, first.Value, LengthOf(first));
+      CopyCallerBytes(data, first.Value, LengthOf(first));
     } else {
       // Reckoned in 64 bits: a product that wraps in 32 would pass the test and read far outside the value.
       const uint64_t element = static_cast<uint32_t>(length);
       if ((uint64_t{start} + count) * element > LengthOf(first)) return ERR_OVERSTEP_ACCESS;
-      CopyOut(data, static_cast<const unsigned char*>(first.Value) + start * element,
+      CopyCallerBytes(data, static_cast<const unsigned char*>(first.Value) + start * element,
               static_cast<size_t>(count * element));
     }
   }
@@ -358,7 +347,7 @@ unsigned int TagsTcpCom::ReadArray(void* handle, void* data, int length, unsigne
 
 unsigned int TagsTcpCom::WriteArray(void* handle, void* data, int, unsigned int, unsigned int) {
   // The whole array, from the caller's buffer, whatever range was named.
-  if (data == nullptr) throw MissingBuffer{};
+  if (data == nullptr) throw CallerBufferFault();
   return TagAccess().WriteTagListValue(handle, &data);
 }
 
@@ -369,15 +358,15 @@ unsigned int TagsTcpCom::ReadStructField(void* handle, void** data, int* length)
   uint32_t n = 0;
   // A failed read looks like a success with an untouched buffer.
   if (TagAccess().ReadTagListValue(handle, &records, &n) != 0) return 0;
-  if (length == nullptr || data == nullptr) throw MissingBuffer{};
+  if (length == nullptr || data == nullptr) throw CallerBufferFault();
   const int valueLength = n > 0 && records != nullptr ? records[0].ValueLength : 0;
   if (valueLength != *length) return ERR_UNALIGNED_STRUCT;
-  if (valueLength > 0) CopyOut(*data, records[0].Value, static_cast<size_t>(valueLength));
+  if (valueLength > 0) CopyCallerBytes(*data, records[0].Value, static_cast<size_t>(valueLength));
   return 0;
 }
 
 unsigned int TagsTcpCom::WriteStructField(void* handle, const void* data, int*) {
-  if (data == nullptr) throw MissingBuffer{};
+  if (data == nullptr) throw CallerBufferFault();
   void* image = const_cast<void*>(data);
   return TagAccess().WriteTagListValue(handle, &image);
 }

@@ -9,8 +9,8 @@
 // the head of an operation, no access or type walk (the controller checks),
 // lists dropped at disconnect instead of compared by client sequence, a
 // refused text value left zero, raw bytes for strings, ERR_UNMATCH_TYPE_PARA
-// for a length mismatch, a whole-array write whatever the range. Where the
-// original adapter would touch a missing buffer, this one stops and lets the
+// for a length mismatch, a whole-array write whatever the range. Where a
+// missing buffer would be touched, it stops at the copy and lets the
 // facade report the fault as its catch-all does ("unknown exception").
 #pragma once
 

@@ -25,7 +25,7 @@ constexpr uint32_t kInstanceId = 4711;
 
 // Variable i of the generated file; every tenth from 8 on is an ARRAY [0..9] OF DINT.
 std::string VariableName(size_t i) {
-  char group[16];
+  char group[24];  // room for any size_t, so the compiler sees no truncation
   std::snprintf(group, sizeof(group), "G%05zu", i / 1000);
   return "App." + std::string(group) + ".v" + std::to_string(i);
 }
