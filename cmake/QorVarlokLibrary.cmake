@@ -3,7 +3,7 @@
 # going through the .so. A part is an OBJECT library named qv_<part>; parts
 # link each other only for usage requirements. Consumers link qv_internal,
 # which brings every part's objects exactly once.
-set(QORVARLOK_PARTS qv_facade qv_shm qv_backend qv_tags qv_symbols qv_records qv_logsetup qv_platform qv_tagaccessapi)
+set(QORVARLOK_PARTS qv_interop qv_facade qv_shm qv_backend qv_tags qv_symbols qv_records qv_logsetup qv_platform qv_tagaccessapi)
 
 add_library(qv_internal INTERFACE)
 foreach(part ${QORVARLOK_PARTS})

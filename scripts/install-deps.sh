@@ -12,6 +12,7 @@ PACKAGES=(
   clang libclang-rt-14-dev
   libmodbus-dev
   locales
+  swig mono-mcs mono-runtime
 )
 
 as_root() {
