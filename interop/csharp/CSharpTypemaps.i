@@ -35,6 +35,41 @@
 %typemap(ctype) size_t "unsigned int"
 %typemap(out) size_t %{ $result = (unsigned int)$1; %}
 
+// A proxy used after Dispose throws ObjectDisposedException, in place of
+// handing the library a null object that it would dereference.
+%typemap(csbody) SWIGTYPE %{
+  private global::System.Runtime.InteropServices.HandleRef swigCPtrHeld;
+  protected bool swigCMemOwn;
+
+  private global::System.Runtime.InteropServices.HandleRef swigCPtr {
+    get {
+      if (swigCPtrHeld.Handle == global::System.IntPtr.Zero)
+        throw new global::System.ObjectDisposedException(GetType().Name);
+      return swigCPtrHeld;
+    }
+  }
+
+  internal $csclassname(global::System.IntPtr cPtr, bool cMemoryOwn) {
+    swigCMemOwn = cMemoryOwn;
+    swigCPtrHeld = new global::System.Runtime.InteropServices.HandleRef(this, cPtr);
+  }
+
+  internal static global::System.Runtime.InteropServices.HandleRef getCPtr($csclassname obj) {
+    return (obj == null) ? new global::System.Runtime.InteropServices.HandleRef(null, global::System.IntPtr.Zero) : obj.swigCPtr;
+  }
+%}
+%typemap(csdisposing, methodname="Dispose", methodmodifiers="protected", parameters="bool disposing") SWIGTYPE {
+    lock(this) {
+      if (swigCPtrHeld.Handle != global::System.IntPtr.Zero) {
+        if (swigCMemOwn) {
+          swigCMemOwn = false;
+          $imcall;
+        }
+        swigCPtrHeld = new global::System.Runtime.InteropServices.HandleRef(null, global::System.IntPtr.Zero);
+      }
+    }
+  }
+
 // ------------------------------------------------------ reference null checks
 // "<type> type is null" for every reference argument.
 %typemap(in, canthrow=1) SWIGTYPE & %{ $1 = ($1_ltype)$input;
