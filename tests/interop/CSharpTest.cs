@@ -216,6 +216,7 @@ static class CSharpTest {
     }
   }
 
+  // One mistake of each kind on the vectors (the C++ test has the whole table).
   static void Vectors() {
     using (var v = new StringVector()) {
       Check(v.GetRange(0, 0).Count == 0, "an empty range of an empty vector");
@@ -226,25 +227,13 @@ static class CSharpTest {
       Check(v.Count == 2 && v[1] == "b", "Insert at the size appends");
       Throws<ArgumentOutOfRangeException>(() => v.Insert(3, "c"), null, "index", "Insert beyond the size");
       Throws<ArgumentNullException>(() => v.Contains(null), "null string", null, "Contains(null)");
-      Throws<ArgumentNullException>(() => v.Add(null), "null string", null, "Add(null)");
-      Throws<ArgumentOutOfRangeException>(() => StringVector.Repeat("x", -1), null, "count", "Repeat(-1)");
       Throws<ArgumentOutOfRangeException>(() => new StringVector(-1), null, "capacity", "new StringVector(-1)");
-      Throws<ArgumentOutOfRangeException>(() => v.RemoveRange(0, -1), null, "count", "RemoveRange(0, -1)");
-      Throws<ArgumentNullException>(() => v.AddRange(null), "std::vector< std::string > const & type is null", null,
-                                    "AddRange(null)");
-      v.Capacity = 50;
-      Check(v.Capacity >= 50, "StringVector capacity");
     }
     using (var records = new VectorTagVarValue()) {
       Throws<ArgumentNullException>(() => records.Add(null), "TagVarValue const & type is null", null,
                                     "VectorTagVarValue.Add(null)");
-      using (var record = new TagVarValue()) {
-        Check(record.Type == 32767 && record.ValueLength == 0, "a new TagVarValue");
-        records.Add(record);
-      }
       records.Capacity = 30;  // the size goes through a pointer
-      Check(records.Capacity >= 30 && records.Count == 1, "VectorTagVarValue capacity");
-      Throws<ArgumentOutOfRangeException>(() => { var r = records[1]; }, null, "index", "records[1]");
+      Check(records.Capacity >= 30, "VectorTagVarValue capacity");
     }
   }
 

@@ -321,32 +321,6 @@ TEST_F(Interop, NullArgumentsRaiseAndNeverReachTheClass) {
   QV_EXPORT(delete_ZelVarlok)(nullptr);  // ignored
 }
 
-// What a class wrapper does with its arguments when they are there: the
-// codes of the class come back as they are, the out parameters are written.
-TEST_F(Interop, ClassWrappersPassTheClassCodes) {
-  void* varlok = QV_EXPORT(new_ZelVarlok)();
-  int fakeList = 0;
-  unsigned int error = 77, count = 77;
-  EXPECT_EQ(QV_EXPORT(ZelVarlok_CreateTagsHandle__SWIG_0)(varlok, "App.GVL.counter", &error), nullptr);
-  EXPECT_EQ(error, ERR_COMMUNICATION_NOT_INITIALIZED);
-  void* records = QV_EXPORT(new_VectorTagVarValue__SWIG_0)();
-  EXPECT_EQ(QV_EXPORT(ZelVarlok_ReadTagList)(varlok, &fakeList, records, &count), ERR_COMMUNICATION_NOT_INITIALIZED);
-  tagTagVarValue* array = nullptr;
-  EXPECT_EQ(QV_EXPORT(ZelVarlok_ReadTagList_INTERFACE_1)(varlok, &fakeList, &array, &count),
-            ERR_COMMUNICATION_NOT_INITIALIZED);
-  unsigned char bytes[4] = {};
-  EXPECT_EQ(QV_EXPORT(ZelVarlok_WriteTagList2)(varlok, &fakeList, bytes, 1), ERR_COMMUNICATION_NOT_INITIALIZED);
-  EXPECT_EQ(QV_EXPORT(ZelVarlok_DeleteTagsHandle)(varlok, &fakeList), ERR_COMMUNICATION_NOT_INITIALIZED);
-  EXPECT_EQ(QV_EXPORT(ZelVarlok_ReadArray__SWIG_0)(varlok, &fakeList, 4, bytes, 0, 1), ERR_COMMUNICATION_NOT_INITIALIZED);
-  ZelVarlok direct;
-  EXPECT_EQ(QV_EXPORT(ZelVarlok_ExitVarlokCommunication)(varlok), direct.ExitVarlokCommunication());
-  EXPECT_EQ(Take().kind, Kind::None);
-  EXPECT_TRUE(qvtest::Log().WaitFor(spdlog::level::err, "m_ZelVarlokPrivate->IsVarlokExist() == false",
-                                    "ZelVarlok::DeleteTagsHandle"));
-  QV_EXPORT(delete_VectorTagVarValue)(records);
-  QV_EXPORT(delete_ZelVarlok)(varlok);
-}
-
 // A C++ exception that would cross into the runtime is raised instead.
 TEST_F(Interop, VectorOutOfMemoryIsRaisedNotThrown) {
   void* records = QV_EXPORT(new_VectorTagVarValue__SWIG_0)();

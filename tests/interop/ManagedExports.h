@@ -34,9 +34,6 @@ unsigned int QV_EXPORT(ZelVarlok_ReadTagList)(void* self, void* handle, void* va
 unsigned int QV_EXPORT(ZelVarlok_ReadTagList_INTERFACE_1)(void* self, void* handle, void* values, unsigned int* count);
 unsigned int QV_EXPORT(ZelVarlok_WriteTagList)(void* self, void* handle, void* values);
 unsigned int QV_EXPORT(ZelVarlok_WriteTagList2)(void* self, void* handle, void* data, unsigned int count);
-unsigned int QV_EXPORT(ZelVarlok_ReadArray__SWIG_0)(void* self, void* handle, int length, void* data, unsigned int start,
-                                                    unsigned int count);
-unsigned int QV_EXPORT(ZelVarlok_ExitVarlokCommunication)(void* self);
 
 // The symbol configuration.
 void* QV_EXPORT(CreateSymbolConfigHandle)(const uint16_t* path, unsigned int* errorCode);
@@ -60,7 +57,6 @@ void QV_EXPORT(delete_TagVarValue)(void* self);
 char* QV_EXPORT(TagVarValue_FullName_get)(void* self);
 void QV_EXPORT(TagVarValue_FullName_set)(void* self, const char* value);
 int QV_EXPORT(TagVarValue_Type_get)(void* self);
-void QV_EXPORT(TagVarValue_Type_set)(void* self, int value);
 void QV_EXPORT(TagVarValue_Value_set)(void* self, void* value);
 void* QV_EXPORT(TagVarValue_Value_get)(void* self);
 
