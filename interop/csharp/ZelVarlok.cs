@@ -1,6 +1,7 @@
 // What the C# binding adds by hand to the generated proxies: the exports that
-// SWIG does not generate (error texts, the descriptions of a defined list,
-// a tag's description by name), and the size checks of byte buffers.
+// SWIG does not generate (error texts, the children of a tag, the
+// descriptions of a defined list, a tag's description by name), and the size
+// checks of byte buffers.
 //
 // The library copies as many bytes as a list's values take, whatever the size
 // of the caller's buffer; a managed array that is too short would let it write
@@ -15,6 +16,11 @@ namespace ZelVarlokCSharp {
 public partial class QorVarlok {
   [DllImport("QorVarlok", EntryPoint = "CSharp_ReadErrorDescription")]
   static extern IntPtr CSharp_ReadErrorDescription(uint code);
+
+  // The children of a tag, by the TagsHandle of its record (the plain export;
+  // it has no generated wrapper). Read them with TagDesc.FromArray.
+  [DllImport("QorVarlok", EntryPoint = "GetSymbolConfigSubTagsDesc")]
+  public static extern uint GetSymbolConfigSubTagsDesc(IntPtr tagsHandle, out IntPtr descs, out uint count);
 
   // The text of an error code as the library holds it: GBK (code page 936)
   // Chinese bytes, without the terminator. Formatted texts live in one buffer

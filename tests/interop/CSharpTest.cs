@@ -71,6 +71,9 @@ static class CSharpTest {
     Code(QorVarlok.GetSymbolConfigToppestTagsDesc(config, out records, out count), QorVarlok.ERR_NOERROR, "top level");
     TagDesc[] top = TagDesc.FromArray(records, count);
     Check(top.Length == 1 && top[0].FullName == "App" && top[0].TagsHandle != IntPtr.Zero, "the top level is App");
+    Code(QorVarlok.GetSymbolConfigSubTagsDesc(top[0].TagsHandle, out records, out count), QorVarlok.ERR_NOERROR,
+         "below App");
+    Check(Array.Exists(TagDesc.FromArray(records, count), d => d.FullName == "App.GVL"), "App.GVL below App");
     Code(QorVarlok.GetSymbolConfigParseResult(config, out records, out count), QorVarlok.ERR_NOERROR, "all tags");
     var byName = new Dictionary<string, TagDesc>();
     foreach (TagDesc d in TagDesc.FromArray(records, count)) byName[d.FullName] = d;
