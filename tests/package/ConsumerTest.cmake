@@ -1,8 +1,8 @@
 # Installs the library's component of the build into a fresh prefix, checks
 # that the prefix holds exactly the public header, the library with the vendor
-# stand-ins it needs and the package files, then configures, builds and runs
-# a small program that finds the package by find_package; the whole
-# installation runs both tools.
+# stand-ins it needs, the C# assembly (where Mono built one) and the package
+# files, then configures, builds and runs a small program that finds the
+# package by find_package; the whole installation runs both tools.
 cmake_minimum_required(VERSION 3.25)
 
 function(run what)
@@ -26,6 +26,7 @@ set(unexpected "")
 foreach(f ${installed})
   if(NOT f MATCHES "^include/QorVarlok/[A-Za-z]+\\.h$"
      AND NOT f MATCHES "^${LIBDIR}/lib(QorVarlok|RtosLib64|ZelTagAccess)\\.so(\\.[0-9]+)*$"
+     AND NOT f MATCHES "^${LIBDIR}/ZelVarlokCSharp\\.dll$"
      AND NOT f MATCHES "^${LIBDIR}/cmake/QorVarlok/QorVarlok(Config|ConfigVersion|Targets|Targets-[a-z]+)\\.cmake$")
     list(APPEND unexpected ${f})
   endif()
