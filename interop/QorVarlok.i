@@ -18,6 +18,8 @@
 
 #if defined(SWIGCSHARP)
 %include "csharp/CSharpTypemaps.i"
+#elif defined(SWIGPYTHON)
+%include "python/PythonTypemaps.i"
 #else
 %include <std_wstring.i>
 #endif

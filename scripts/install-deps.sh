@@ -13,6 +13,7 @@ PACKAGES=(
   libmodbus-dev
   locales
   swig mono-mcs mono-runtime
+  python3-dev python3-pytest
 )
 
 as_root() {
