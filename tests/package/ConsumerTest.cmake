@@ -1,8 +1,10 @@
 # Installs the library's component of the build into a fresh prefix, checks
 # that the prefix holds exactly the public header, the library with the vendor
-# stand-ins it needs, the C# assembly (where Mono built one) and the package
-# files, then configures, builds and runs a small program that finds the
-# package by find_package; the whole installation runs both tools.
+# stand-ins it needs, the C# assembly (where Mono built one), the Python
+# package (where it was built) and the package files, then configures, builds
+# and runs a small program that finds the package by find_package; the whole
+# installation runs both tools, and (given PYTHON) the installed Python package
+# is imported and browses a symbol file.
 cmake_minimum_required(VERSION 3.25)
 
 function(run what)
@@ -27,6 +29,7 @@ foreach(f ${installed})
   if(NOT f MATCHES "^include/QorVarlok/[A-Za-z]+\\.h$"
      AND NOT f MATCHES "^${LIBDIR}/lib(QorVarlok|RtosLib64|ZelTagAccess)\\.so(\\.[0-9]+)*$"
      AND NOT f MATCHES "^${LIBDIR}/ZelVarlokCSharp\\.dll$"
+     AND NOT (PYTHON_DIR AND f MATCHES "^${PYTHON_DIR}/qorvarlok/([a-z_]+\\.py|QorVarlok\\.py|_QorVarlok\\.[a-z0-9_-]+\\.so)$")
      AND NOT f MATCHES "^${LIBDIR}/cmake/QorVarlok/QorVarlok(Config|ConfigVersion|Targets|Targets-[a-z]+)\\.cmake$")
     list(APPEND unexpected ${f})
   endif()
@@ -59,3 +62,19 @@ if(NOT RUN_OUTPUT MATCHES "consumer: all checks passed")
   message(FATAL_ERROR "consumer said: ${RUN_OUTPUT}")
 endif()
 message(STATUS "${RUN_OUTPUT}")
+
+# The installed Python package, from the prefix alone: the extension finds
+# libQorVarlok.so beside it through its run path. (No semicolons in the
+# code: run() takes its command as a list.)
+if(PYTHON)
+  run("python import" ${CMAKE_COMMAND} -E env PYTHONPATH=${PREFIX}/${PYTHON_DIR} PYTHONDONTWRITEBYTECODE=1
+      ${PYTHON} -c "
+import qorvarlok, sys
+assert qorvarlok.__file__.startswith(sys.argv[1]), qorvarlok.__file__
+print('python:', sum(1 for t in qorvarlok.browse(sys.argv[2]) if t.type == 'DInt'), 'DInt tags')"
+      ${PREFIX} ${SYMBOLS})
+  if(NOT RUN_OUTPUT MATCHES "python: [1-9][0-9]* DInt tags")
+    message(FATAL_ERROR "installed Python package said: ${RUN_OUTPUT}")
+  endif()
+  message(STATUS "${RUN_OUTPUT}")
+endif()
