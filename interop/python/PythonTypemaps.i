@@ -93,7 +93,10 @@ QV_RELEASES_GIL(ZelVarlok::ReadStructField)
 QV_RELEASES_GIL(ZelVarlok::WriteStructField)
 QV_RELEASES_GIL(ZelVarlok::GetTagDescByName)
 QV_RELEASES_GIL(ZelVarlok::GetTagsListLength)
+// The symbol file calls share one lock of the process, held through a parse.
 QV_RELEASES_GIL(CreateSymbolConfigHandle)
+QV_RELEASES_GIL(GetSymbolConfigParseResult)
+QV_RELEASES_GIL(GetSymbolConfigToppestTagsDesc)
 QV_RELEASES_GIL(ReleaseSymbolConfigHandle)
 
 // ----------------------------------------------------------- out parameters
