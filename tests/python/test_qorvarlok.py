@@ -103,6 +103,7 @@ ELEMENTARY = [
     ("App.Types.vULInt", 2 ** 63, str(2 ** 63)),
     ("App.Types.vLInt", -2 ** 63, str(-2 ** 63)),
     ("App.Types.vLReal", math.pi, repr(math.pi)),
+    ("App.Types.vPointer", bytes(range(8)), "00 01 02 03 04 05 06 07"),
     ("App.GVL.mode", 99, "99"),
     ("App.GVL.percent", 100, "100"),
 ]
