@@ -179,7 +179,6 @@ class _Whole:
         self.position = position
         self.name = name
         self.size = desc.Size
-        self.access = desc.AccessType
         self.is_array = desc.Type == ARRAY
         self.codec = ArrayCodec(name, desc.Size, desc.BaseType, encoding) if self.is_array else \
             Codec(name, STRUCTURE, desc.Size, desc.BaseType, encoding)
@@ -229,9 +228,8 @@ class TagList:
         if shared_names or not self._whole:
             self._shared, code = varlok.CreateTagsHandle(shared_names)
             _check_defined(self._shared, code)
-            handle = self._shared
             # The list's own records: the types and sizes its values have.
-            descs = varlok.GetTagDescByDefinedHandle(handle)
+            descs = varlok.GetTagDescByDefinedHandle(self._shared)
             self._codec = ListCodec([Codec(d.FullName, d.Type, d.Size, d.BaseType, encoding) for d in descs])
             self._denied = next((d.FullName for d in descs if not is_writable(d.AccessType)), None)
         self._only_shared = not self._whole
