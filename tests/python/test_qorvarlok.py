@@ -13,7 +13,7 @@ import pytest
 
 import qorvarlok
 from qorvarlok import TagDefinitionError, TagValueError, VarlokConnectionError, VarlokError
-from conftest import CLI, DEMO, SIM_HAS_TCP, Sim, cli_read
+from conftest import CLI, DEMO, Sim, cli_read
 
 
 # ------------------------------------------------------------------ browsing

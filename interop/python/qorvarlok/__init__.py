@@ -33,6 +33,16 @@ from .errors import (SymbolFileError, TagDefinitionError, TagValueError, VarlokC
                      describe, error_class)
 
 # The codes, as the interface names them.
-globals().update({name: getattr(_raw, name) for name in dir(_raw) if name.startswith("ERR_")})
+_CODES = {name: getattr(_raw, name) for name in dir(_raw) if name.startswith("ERR_")}
+globals().update(_CODES)
+
+__all__ = [
+    "Controller", "TagList", "LOCAL", "browse", "Tag", "describe", "error_class",
+    "VarlokError", "VarlokConnectionError", "TagDefinitionError", "TagValueError", "SymbolFileError",
+    "ZelVarlok", "TagDesc", "TagVarValue", "StringVector", "VectorTagVarValue", "COM_TYPE_LOCAL", "COM_TYPE_TCP",
+    "CreateSymbolConfigHandle", "GetSymbolConfigParseResult", "GetSymbolConfigToppestTagsDesc",
+    "GetSymbolConfigSubTagsDesc", "ReleaseSymbolConfigHandle", "ReadErrorDescription", "GetVarlokVersionInfo",
+    "MAX_NAME_LEN", "MAX_VALUE_LEN",
+] + sorted(_CODES)
 
 __version__ = GetVarlokVersionInfo()
