@@ -35,7 +35,7 @@ class Sim:
         args = [SIM, "--symbols", DEMO, "--partition", partition, "--log-level", "warn"]
         args += ["--demo"] if demo else []
         args += ["--tcp", "0"] if tcp else []
-        self.process = subprocess.Popen(args, stdout=subprocess.PIPE, stderr=self.log, text=True)
+        self.process = subprocess.Popen(args, stdout=subprocess.PIPE, stderr=self.log)
         try:
             self._wait_ready(20.0)
         except BaseException:
@@ -43,15 +43,22 @@ class Sim:
             raise
 
     def _wait_ready(self, seconds):
+        # Read the raw pipe: a buffered readline would take "ready" along with
+        # the line before it, and select would then wait for nothing.
         deadline = time.monotonic() + seconds
+        fd = self.process.stdout.fileno()
+        pending = b""
         while time.monotonic() < deadline:
-            ready, _, _ = select.select([self.process.stdout], [], [], deadline - time.monotonic())
-            line = self.process.stdout.readline() if ready else ""
-            if line.startswith("tcp "):
-                self.tcp = line.split()[1]
-            elif line.startswith("ready"):
-                return
-            elif not line and self.process.poll() is not None:
+            ready, _, _ = select.select([fd], [], [], deadline - time.monotonic())
+            chunk = os.read(fd, 4096) if ready else b""
+            pending += chunk
+            while b"\n" in pending:
+                line, pending = pending.split(b"\n", 1)
+                if line.startswith(b"tcp "):
+                    self.tcp = line.split()[1].decode()
+                elif line.startswith(b"ready"):
+                    return
+            if not chunk and self.process.poll() is not None:
                 break
         self.log.seek(0)
         raise RuntimeError("varlok-sim did not become ready: " + self.log.read().decode(errors="replace"))
