@@ -282,6 +282,23 @@ static bool QvRequireBytes(const QvBuffer& buffer, long long needed) {
   if (buffer3.held && !QvRequireBytes(buffer3, QvListBytes($1, $2))) SWIG_fail;
 }
 
+// Over TCP a ranged WriteArray writes the whole array from data, whatever the
+// range, so a buffer that holds the range only would be read beyond its end
+// and the interpreter's memory sent to the controller. The proxy remembers the
+// transport of its last successful InitializeCom; unless that was shared
+// memory, a ranged write needs a buffer of the whole array.
+%feature("pythonappend") ZelVarlok::InitializeCom %{
+        if val == 0:
+            self._com_type = comType
+%}
+%feature("pythonprepend") ZelVarlok::WriteArray %{
+        if (start or count) and data is not None and getattr(self, "_com_type", None) != COM_TYPE_LOCAL:
+            needed = self.GetListBytes(handle)
+            if memoryview(data).nbytes < needed:
+                raise ValueError("the buffer holds %d bytes; over TCP the call writes the whole array, %d"
+                                 % (memoryview(data).nbytes, needed))
+%}
+
 // ------------------------------------------------------------------- texts
 // The texts of the codes are the library's GBK bytes; the caller decodes them.
 %typemap(out) const char* QV_BYTES {
@@ -310,6 +327,8 @@ unsigned int GetSymbolConfigSubTagsDesc(void* tagsHandle, tagTagDesc** descs, un
     return desc != nullptr ? new tagTagDesc(*desc) : nullptr;
   }
   int GetTagsListLength(HTAGLIST handle) { return $self->GetTagsListLength(handle); }
+  // Bytes that the values of a defined list take; 0 for an unknown handle.
+  long long GetListBytes(HTAGLIST handle) { return QvListBytes($self, handle); }
   // The descriptions of a defined list's tags, in list order.
   PyObject* GetTagDescByDefinedHandle(HTAGLIST handle) {
     std::vector<tagTagDesc> copies;

@@ -110,11 +110,19 @@ def sim(demo):
     s.stop()
 
 
-@pytest.fixture
-def plc(sim):
+@pytest.fixture(params=["Local", "TCP"])
+def plc(sim, request):
+    """A controller on the session's varlok-sim, through shared memory and
+    through TCP."""
     import qorvarlok
 
-    with qorvarlok.Controller(DEMO, partition=sim.partition) as controller:
+    if request.param == "TCP":
+        if not sim.tcp:
+            pytest.skip("this varlok-sim serves no TCP")
+        controller = qorvarlok.Controller(DEMO, sim.tcp)
+    else:
+        controller = qorvarlok.Controller(DEMO, partition=sim.partition)
+    with controller:
         yield controller
 
 

@@ -181,13 +181,18 @@ def test_the_list_object_keeps_its_handles(sim, plc):
 
 # -------------------------------------------------------------- the failures
 
+# Over TCP the controller checks access itself and answers with its own code.
+TCP_DENIED = {"TCP": qorvarlok.ERR_TAG_NO_ACCESS_RIGHTS}
+
 FAILURES = [
-    # what is done, the class raised, the code
+    # what is done, the class raised, the code (by transport where they differ)
     (lambda p: p.read(["App.GVL.counter", "App.GVL.nothing"]), TagDefinitionError, qorvarlok.ERR_EXIST_INVAILD_VAR),
-    (lambda p: p.read(["App.GVL.counter", "App.GVL.setpoint"]), TagValueError, qorvarlok.ERR_READ_WRITE_DENIED),
+    (lambda p: p.read(["App.GVL.counter", "App.GVL.setpoint"]), TagValueError,
+     dict(TCP_DENIED, Local=qorvarlok.ERR_READ_WRITE_DENIED)),
     (lambda p: p.write({"App.GVL.sine": 1.0}), TagValueError, qorvarlok.ERR_READ_WRITE_DENIED),
     (lambda p: p.write({"App.Types.vDInt": 1, "App.GVL.sine": 1.0}), TagValueError, qorvarlok.ERR_READ_WRITE_DENIED),
-    (lambda p: p.write({"App.GVL.grid": bytes(48)}), TagValueError, qorvarlok.ERR_READ_WRITE_DENIED),
+    (lambda p: p.write({"App.GVL.grid": bytes(48)}), TagValueError,
+     dict(TCP_DENIED, Local=qorvarlok.ERR_READ_WRITE_DENIED)),
     (lambda p: p.write({"App.Types.vSInt": 200}), TagValueError, qorvarlok.ERR_WRITE_FAILED),
     (lambda p: p.write({"App.Types.vDInt": "12"}), TagValueError, qorvarlok.ERR_WRITE_FAILED),
     (lambda p: p.write({"App.Types.vBool": 2}), TagValueError, qorvarlok.ERR_WRITE_FAILED),
@@ -202,6 +207,8 @@ FAILURES = [
 
 @pytest.mark.parametrize("action, kind, code", FAILURES)
 def test_each_failure_raises_its_code(plc, action, kind, code):
+    if isinstance(code, dict):
+        code = code["Local" if plc.address == qorvarlok.LOCAL else "TCP"]
     with pytest.raises(kind) as failure:
         action(plc)
     assert failure.value.code == code
@@ -223,17 +230,18 @@ def test_error_texts_come_from_the_library_in_gbk():
 
 # ------------------------------------------------------ partitions and TCP
 
-def test_a_second_partition_over_shared_memory_is_refused(plc):
-    with pytest.raises(VarlokConnectionError) as failure:
-        qorvarlok.Controller(DEMO, partition=plc.partition + "-other").open()
+def test_a_second_partition_over_shared_memory_is_refused(sim):
+    with qorvarlok.Controller(DEMO, partition=sim.partition), pytest.raises(VarlokConnectionError) as failure:
+        qorvarlok.Controller(DEMO, partition=sim.partition + "-other").open()
     assert failure.value.code == qorvarlok.ERR_CONNECT_FAILED and "TCP" in failure.value.detail
 
 
 @pytest.mark.tcp
-def test_two_controllers_on_two_partitions_over_tcp(sim, plc):
+def test_two_controllers_on_two_partitions_over_tcp(sim):
     other = Sim("qv-python-%d-b" % os.getpid(), tcp=True)
     try:
-        with qorvarlok.Controller(DEMO, sim.tcp) as a, qorvarlok.Controller(DEMO, other.tcp) as b:
+        with qorvarlok.Controller(DEMO, sim.tcp) as a, qorvarlok.Controller(DEMO, other.tcp) as b, \
+                qorvarlok.Controller(DEMO, partition=sim.partition) as plc:
             a.write({"App.Types.vDInt": 1111})
             b.write({"App.Types.vDInt": 2222})
             assert (a.read("App.Types.vDInt"), b.read("App.Types.vDInt")) == (1111, 2222)
@@ -285,6 +293,17 @@ def test_raw_buffers_are_checked_before_the_library_copies(plc):
         with pytest.raises(ValueError):
             varlok.WriteStructField(motor, bytes(47), 47)
         assert varlok.ReadStructField(motor, bytearray(48), 48) == 0
+        # A range of elements: over TCP the library writes the whole array
+        # from the buffer, which must then hold all of it.
+        plc.write({"App.GVL.counters": list(range(10))})
+        if plc.address == qorvarlok.LOCAL:
+            assert varlok.WriteArray(array, 4, struct.pack("<i", 77), 3, 1) == 0
+            assert plc.read("App.GVL.counters") == [0, 1, 2, 77, 4, 5, 6, 7, 8, 9]
+        else:
+            with pytest.raises(ValueError):
+                varlok.WriteArray(array, 4, struct.pack("<i", 77), 3, 1)
+            assert varlok.WriteArray(array, 4, struct.pack("<10i", *range(10, 20)), 3, 1) == 0
+            assert plc.read("App.GVL.counters") == list(range(10, 20))
         # A range beyond the array and a null buffer are the library's to
         # answer: the null one as a caught fault, 0, and the process lives on.
         assert varlok.ReadArray(array, 4, bytearray(40), 9, 2) == qorvarlok.ERR_OVERSTEP_ACCESS
