@@ -112,7 +112,7 @@ def main():
         for kind, values in samples.items():
             print("%-6d %-10s %10.1f %10.1f" % (n, kind, statistics.median(values), percentile(values, 0.99)))
         cpp, py = statistics.median(samples["C++"]), statistics.median(samples["TagList"])
-        print("%-6d Python layer over C++: +%.1f us median, x%.2f" % (n, py - cpp, py / cpp))
+        print("%-6d Python layer over C++: %+.1f us median, x%.2f" % (n, py - cpp, py / cpp))
 
 
 if __name__ == "__main__":
