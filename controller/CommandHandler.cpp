@@ -16,8 +16,6 @@ using namespace slot;
 
 namespace {
 
-uint32_t Entry(const uint8_t* area, uint32_t i) { return Load<uint32_t>(area, kSwapEntries + 4u * i); }
-
 // Two instances started one after the other, even in the same process, get
 // unrelated starting points: the clock's nanoseconds and the pid, mixed so
 // that close inputs land far apart.
@@ -41,7 +39,14 @@ void TerminateIfCut(uint8_t* target, uint32_t copied, uint32_t wire, const TypeL
 }
 
 CommandHandler::CommandHandler(ProcessImage& image, uint32_t dataSwapAreaSize, uint32_t firstSeq)
-    : m_image(image), m_dataSwapAreaSize(dataSwapAreaSize), m_nextSeq(firstSeq != 0 ? firstSeq : SeededSequence()) {}
+    : m_image(image),
+      m_dataSwapAreaSize(dataSwapAreaSize),
+      m_nextSeq(firstSeq != 0 ? firstSeq : SeededSequence()),
+      // A client keeps the lists of a connection to a controller that died in
+      // its chain and looks handles up first match first: a restarted
+      // controller that numbered from the same base would have the client's
+      // new lists found as its dead ones.
+      m_connections(firstSeq != 0 ? 0 : SeededSequence() % kHandleBases) {}
 
 size_t CommandHandler::ClientCount() {
   auto lock = Lock();
@@ -236,6 +241,10 @@ void CommandHandler::DataSwap(uint8_t* area, size_t size, bool setFlag) {
     err = kRefuseBadSize;
     VLOG(warn, "CommandHandler::DataSwap", "refused data swap: Size {} does not fit the area of {} bytes", count, size);
   } else {
+    // The client's process can change the slot while we work on it: the
+    // offsets are taken once, so the ones checked are the ones used.
+    m_offsets.resize(count);
+    if (count != 0) std::memcpy(m_offsets.data(), area + kSwapEntries, size_t{count} * 4);
     err = rw == kRead ? ReadValues(area, size, *list, count) : WriteValues(area, size, *list, count);
   }
   Store<uint32_t>(area, kSwapErr, err);
@@ -245,22 +254,22 @@ void CommandHandler::DataSwap(uint8_t* area, size_t size, bool setFlag) {
 namespace {
 
 // Entry offsets are the client's running offsets; each value must lie in the area.
-bool EntriesInArea(const uint8_t* area, size_t size, const TagList& list, uint32_t count) {
+bool EntriesInArea(const uint32_t* offsets, size_t size, const TagList& list, uint32_t count) {
   const uint64_t room = size - (kSwapEntries + uint64_t{count} * 4);
   for (uint32_t i = 0; i < count; ++i)
-    if (uint64_t{Entry(area, i)} + list.entries[i].wireSize > room) return false;
+    if (uint64_t{offsets[i]} + list.entries[i].wireSize > room) return false;
   return true;
 }
 
 // A write of an array through a range descriptor (0, start, bytes, element
 // length) rather than one offset per tag. A list whose tag count happens to be
 // 4 is taken as a range write only when its entries are not its running offsets.
-bool IsRangeWrite(const uint8_t* area, const TagList& list, uint32_t count) {
+bool IsRangeWrite(const uint32_t* offsets, const TagList& list, uint32_t count) {
   if (count != 4 || list.entries.empty() || list.entries[0].location.type->shape != Shape::Array) return false;
   if (list.entries.size() != 4) return true;
   uint32_t running = 0;
   for (uint32_t i = 0; i < 4; ++i) {
-    if (Entry(area, i) != running) return true;
+    if (offsets[i] != running) return true;
     running += list.entries[i].wireSize;
   }
   return false;
@@ -273,7 +282,7 @@ uint32_t CommandHandler::ReadValues(uint8_t* area, size_t size, const TagList& l
     VLOG(warn, "CommandHandler::DataSwap", "refused read: Size {} for a list of {} tags", count, list.entries.size());
     return kRefuseBadSize;
   }
-  if (!EntriesInArea(area, size, list, count)) {
+  if (!EntriesInArea(m_offsets.data(), size, list, count)) {
     VLOG(warn, "CommandHandler::DataSwap", "refused read: an entry offset puts values beyond the area");
     return kRefuseOutOfArea;
   }
@@ -281,7 +290,7 @@ uint32_t CommandHandler::ReadValues(uint8_t* area, size_t size, const TagList& l
   for (uint32_t i = 0; i < count; ++i) {
     const ListEntry& e = list.entries[i];
     const uint32_t n = std::min(e.wireSize, e.location.size);
-    uint8_t* target = values + Entry(area, i);
+    uint8_t* target = values + m_offsets[i];
     std::memcpy(target, m_image.Data() + e.location.offset, n);
     std::memset(target + n, 0, e.wireSize - n);
   }
@@ -289,12 +298,12 @@ uint32_t CommandHandler::ReadValues(uint8_t* area, size_t size, const TagList& l
 }
 
 uint32_t CommandHandler::WriteValues(uint8_t* area, size_t size, const TagList& list, uint32_t count) {
-  if (IsRangeWrite(area, list, count)) return WriteRange(area, size, list);
+  if (IsRangeWrite(m_offsets.data(), list, count)) return WriteRange(area, size, list);
   if (count != list.entries.size()) {
     VLOG(warn, "CommandHandler::DataSwap", "refused write: Size {} for a list of {} tags", count, list.entries.size());
     return kRefuseBadSize;
   }
-  if (!EntriesInArea(area, size, list, count)) {
+  if (!EntriesInArea(m_offsets.data(), size, list, count)) {
     VLOG(warn, "CommandHandler::DataSwap", "refused write: an entry offset puts values beyond the area");
     return kRefuseOutOfArea;
   }
@@ -303,16 +312,16 @@ uint32_t CommandHandler::WriteValues(uint8_t* area, size_t size, const TagList& 
     const ListEntry& e = list.entries[i];
     const uint32_t n = std::min(e.wireSize, e.location.size);
     uint8_t* target = m_image.Data() + e.location.offset;
-    std::memcpy(target, values + Entry(area, i), n);
+    std::memcpy(target, values + m_offsets[i], n);
     TerminateIfCut(target, n, e.wireSize, e.location.type);
   }
   return kRefuseNone;
 }
 
 uint32_t CommandHandler::WriteRange(uint8_t* area, size_t size, const TagList& list) {
-  const uint32_t start = Entry(area, 1);
-  const uint32_t bytes = Entry(area, 2);
-  const uint32_t elementLength = Entry(area, 3);
+  const uint32_t start = m_offsets[1];
+  const uint32_t bytes = m_offsets[2];
+  const uint32_t elementLength = m_offsets[3];
   const Location& array = list.entries[0].location;
   const uint8_t* values = area + kSwapEntries + 16;
   if (bytes > size - (kSwapEntries + 16)) {

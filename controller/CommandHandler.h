@@ -5,9 +5,9 @@
 // Client sequence numbers are granted so that their low byte (all that the
 // define and data swap commands carry) is never 0 and never that of another
 // live client; when all 255 are taken the client idle for longest is dropped.
-// Each controller instance starts granting from its own seeded value, so that
-// a client's handles from before a controller restart never match the new
-// instance's sequence numbers.
+// Each controller instance starts granting sequence numbers and handle bases
+// from seeded values of its own, so that a client's sequence numbers and
+// handles from before a controller restart do not match the new instance's.
 //
 // Tag list handles: each connection gets a range of its own, base+1 ..
 // base+N with base = (connection serial) x 65536, kept below 2^31 and never
@@ -82,7 +82,8 @@ class CommandHandler {
 
   // dataSwapAreaSize bounds the lists a define accepts: their values must fit
   // behind the header and entries of a data swap command. firstSeq 0 seeds the
-  // first client sequence number from the clock and the process id.
+  // first client sequence number and handle base from the clock and the
+  // process id; any other firstSeq starts the handle bases at the first.
   CommandHandler(ProcessImage& image, uint32_t dataSwapAreaSize, uint32_t firstSeq = 0);
 
   // Each works on the request in area[0, size) and writes the answer there,
@@ -118,6 +119,7 @@ class CommandHandler {
   uint32_t m_connections = 0;  // connects granted so far; picks the handle base
   uint32_t m_beat = 0;
   uint64_t m_commands = 0;
+  std::vector<uint32_t> m_offsets;  // the data swap command's entries, as taken from the slot
 };
 
 }  // namespace qorvarlok::controller

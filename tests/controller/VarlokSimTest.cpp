@@ -106,8 +106,8 @@ TEST_F(VarlokSimTest, InjectedFaultsReachTheClient) {
       {{"--refuse-connect", "2"}, kConnect, 2000, 0, 3, 2, false, 0, "refused connect: injected refusal 2"},
       {{"--refuse-connect", "4"}, kConnect, 2000, 0, 3, 4, false, 0, "refused connect: injected refusal 4"},
       {{"--silent", "define"}, kDefine, 30, kTimeout, 1, 0, false, 0, "define command left unanswered (silent)"},
-      {{"--late-ms", "150", "--late", "define"}, kDefine, 20, kTimeout, 3, 0, true, 0, "handle 65537 with 3 tags"},
-      {{"--keep-flag", "dataswap"}, kSwap, 2000, 0, 2, 0, false, 0, "handle 65537 with 3 tags"},
+      {{"--late-ms", "150", "--late", "define"}, kDefine, 20, kTimeout, 3, 0, true, 0, " with 3 tags"},
+      {{"--keep-flag", "dataswap"}, kSwap, 2000, 0, 2, 0, false, 0, " with 3 tags"},
       {{"--error", "define", "--error-value", "9"}, kDefine, 2000, 0, 3, 9, false, 0,
        "refused define command: answering with the injected error 9"},
       {{"--vanish", "dataswap"}, kSwap, 60, kTimeout, 0, 0, false, 3, "vanishing in the middle of a data swap command"},
@@ -175,7 +175,7 @@ TEST_F(VarlokSimTest, ServesRefusesASecondRecoversAfterKillAndGrantsAFreshSequen
   EXPECT_EQ(RtosQueryShmId(L"DataSwapArea", 4, &id), RTE_ERROR_PARTITION_DOWN) << "the stopped controller cleaned up";
   const std::string log = third.Stderr();
   EXPECT_NE(log.find("removed the leftovers of a controller that died"), std::string::npos) << log;
-  EXPECT_NE(log.find("handle 65537 with 3 tags, 13 bytes"), std::string::npos) << log;
+  EXPECT_NE(log.find(" with 3 tags, 13 bytes"), std::string::npos) << log;
 }
 
 }  // namespace
