@@ -7,6 +7,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <locale.h>
+#include <map>
+#include <mutex>
 #include <stdexcept>
 
 #include "QorVarlok/ZelVarlok.h"
@@ -210,28 +213,75 @@ std::wstring DecodeUtf8(const char* text) {
 
 constexpr size_t kMaxLocalBytes = 1024;  // including the terminating NUL
 
+// What setlocale(LC_ALL, "") picks the character set from.
+std::string DefaultLocaleName() {
+  for (const char* variable : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+    const char* value = std::getenv(variable);
+    if (value != nullptr && *value != 0) return value;
+  }
+  return "C";
+}
+
+// The user's default locale as a locale object, for this thread only.
+// setlocale is not safe while other threads run (it swaps the process's
+// locale under every conversion, message and number format of the program),
+// so it is called once per default the environment names, not once per name;
+// the conversion itself goes through uselocale on the calling thread. The
+// locale objects are kept for the process's life: another thread may still
+// convert through one, and there is one per default the program ever had.
+class UserLocale {
+ public:
+  UserLocale() {
+    static std::mutex mutex;
+    static auto* made = new std::map<std::string, locale_t>();
+    std::lock_guard<std::mutex> lock(mutex);
+    const std::string name = DefaultLocaleName();
+    auto it = made->find(name);
+    if (it == made->end()) {
+      std::setlocale(LC_ALL, "");  // the process locale is left at the user's default, as before
+      it = made->emplace(name, newlocale(LC_CTYPE_MASK, "", static_cast<locale_t>(0))).first;
+    }
+    if (it->second != static_cast<locale_t>(0)) m_previous = uselocale(it->second);
+  }
+  ~UserLocale() {
+    if (m_previous != static_cast<locale_t>(0)) uselocale(m_previous);
+  }
+  UserLocale(const UserLocale&) = delete;
+  UserLocale& operator=(const UserLocale&) = delete;
+
+ private:
+  locale_t m_previous = static_cast<locale_t>(0);
+};
+
 }  // namespace
 
 std::string ToLocalEncoding(const char* text) {
   if (text == nullptr) return std::string();
   if (!IsUtf8(text)) return std::string(text);
   const std::wstring wide = DecodeUtf8(text);
-  std::setlocale(LC_ALL, "");
   // Character by character, so that a long name is cut at a character
   // boundary and never beyond the byte limit.
   std::string local;
-  std::mbstate_t state{};
-  char buffer[MB_LEN_MAX];
-  for (wchar_t wc : wide) {
-    const size_t n = std::wcrtomb(buffer, wc, &state);
-    if (n == static_cast<size_t>(-1)) {
-      // The user's locale cannot spell this name: keep its bytes rather than
-      // lose it, so that it still matches what an application passes in.
-      VLOG(warn, "ToLocalEncoding", "{} has no form in the current locale, kept as it is", text);
-      return std::string(text);
+  bool spelled = true;
+  {
+    const UserLocale user;
+    std::mbstate_t state{};
+    char buffer[MB_LEN_MAX];
+    for (wchar_t wc : wide) {
+      const size_t n = std::wcrtomb(buffer, wc, &state);
+      if (n == static_cast<size_t>(-1)) {
+        spelled = false;
+        break;
+      }
+      if (local.size() + n >= kMaxLocalBytes) break;
+      local.append(buffer, n);
     }
-    if (local.size() + n >= kMaxLocalBytes) break;
-    local.append(buffer, n);
+  }
+  if (!spelled) {
+    // The user's locale cannot spell this name: keep its bytes rather than
+    // lose it, so that it still matches what an application passes in.
+    VLOG(warn, "ToLocalEncoding", "{} has no form in the current locale, kept as it is", text);
+    return std::string(text);
   }
   return local;
 }

@@ -165,8 +165,9 @@ using ArrayBoundsRegistry = std::map<uint32_t, ArrayBoundsByName>;
 ArrayBoundsRegistry& GetArrayBoundsRegistry();
 
 // A copy of text in the encoding of the user's default locale when text is
-// real UTF-8 with at least one non-ASCII byte; a plain copy otherwise. Leaves
-// the process locale at the user's default (setlocale(LC_ALL, "")).
+// real UTF-8 with at least one non-ASCII byte; a plain copy otherwise. Sets
+// the process locale to the user's default (setlocale(LC_ALL, "")) the first
+// time a default is met, not on every name; safe while other threads run.
 // Throws std::range_error when a string that looked like UTF-8 does not decode.
 std::string ToLocalEncoding(const char* text);
 // True when text is well-formed UTF-8 (by the lead-byte rule) with a non-ASCII byte.
