@@ -1,7 +1,6 @@
 #include <atomic>
 #include <chrono>
 #include <exception>
-#include <future>
 
 #include "ComThread.h"
 #include "QorVarlok/ZelVarlok.h"
@@ -45,7 +44,7 @@ std::atomic<MutexHeldHook> g_mutexHeldHook{nullptr};
 
 void SetMutexHeldHook(MutexHeldHook hook) { g_mutexHeldHook.store(hook); }
 
-uint32_t ComChannelBase::RunAsync(const AsyncProfile& p, std::function<uint32_t()> body) {
+uint32_t ComChannelBase::RunAsync(const AsyncProfile& p, ChannelWorker::Body body, void* context) {
   uint32_t w = platform::WaitForNamedMutex(m_hMutex, kMutexWaitMs);
   if (w == platform::kWaitAbandoned) {
     // A client died holding the mutex; the wait has made it consistent and
@@ -80,23 +79,17 @@ uint32_t ComChannelBase::RunAsync(const AsyncProfile& p, std::function<uint32_t(
   }
 
   m_bBusy = true;
-  std::future<uint32_t> worker;
-  try {
-    worker = std::async(std::launch::async, std::move(body));
-  } catch (const std::exception&) {
-    // No thread could be started: the task did not run.
-  }
   uint32_t result = 0;
   std::exception_ptr failure;
-  const auto status =
-      worker.valid() ? worker.wait_for(std::chrono::milliseconds(p.futureMs)) : std::future_status::deferred;
-  if (status == std::future_status::ready) {
+  const bool posted = m_worker.Post(body, context);
+  const bool ready = posted && m_worker.WaitFor(p.futureMs);
+  if (ready) {
     try {
-      result = worker.get();
+      result = m_worker.Join();
     } catch (...) {
       failure = std::current_exception();
     }
-  } else if (status == std::future_status::timeout) {
+  } else if (posted) {
     VLOGU(err, p.func, p.timeoutText);
     result = ERR_WAIT_TIMEOUT;
     m_bRtosError = true;
@@ -112,8 +105,15 @@ uint32_t ComChannelBase::RunAsync(const AsyncProfile& p, std::function<uint32_t(
       VLOGP(err, p.func, "ReleaseMutex %d", static_cast<int>(platform::NamedMutexLastError()));
     }
   }
-  // The future's end waits for the worker, which may still use the caller's record.
-  worker = std::future<uint32_t>();
+  // A command that outlived its limit may still use the caller's record: the
+  // caller waits for its end, with the mutex already free. What it gives then
+  // is no longer asked for, as with a future dropped after its timeout.
+  if (posted && !ready) {
+    try {
+      (void)m_worker.Join();
+    } catch (...) {
+    }
+  }
   if (failure) std::rethrow_exception(failure);
   return result;
 }

@@ -1,8 +1,8 @@
 // The three command channels of the shared-memory transport: connect
-// (ConnectArea), define (NotifyArea) and data swap (DataSwapArea). Despite the
-// class names none of them owns a thread: a command runs in the caller's
-// Async, which holds the channel's named system mutex, plus one short-lived
-// worker task (runAsyncIntf) that writes the slot, signals, waits and reads
+// (ConnectArea), define (NotifyArea) and data swap (DataSwapArea).
+// Each has one worker thread for its life (ChannelWorker): a command runs in
+// the caller's Async, which holds the channel's named system mutex, and on
+// that thread (runAsyncIntf), which writes the slot, signals, waits and reads
 // the answer. The named mutexes are the only serialisation of commands across
 // threads and processes.
 //
@@ -14,11 +14,12 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <functional>
+#include <utility>
 #include <mutex>
 #include <stdexcept>
 #include <unordered_map>
 
+#include "ChannelWorker.h"
 #include "NamedMutex.h"
 #include "RtosLib64.h"
 #include "ShmCmd.h"
@@ -77,7 +78,16 @@ class ComChannelBase {
 
   // Opens Rx then Tx; false (and logged) at the first failure.
   bool OpenEvents(const char* func, const char* rxName, const char* txName);
-  uint32_t RunAsync(const AsyncProfile& profile, std::function<uint32_t()> body);
+  // Runs body(context) on the channel's worker thread within the profile's limit.
+  uint32_t RunAsync(const AsyncProfile& profile, ChannelWorker::Body body, void* context);
+  template <typename Channel, typename Cmd>
+  static uint32_t RunBody(void* context) {
+    auto* job = static_cast<std::pair<Channel*, Cmd*>*>(context);
+    return job->first->runAsyncIntf(*job->second);
+  }
+  // The worker body shared by the channels (ChannelCommand.h).
+  template <class Steps, class Channel>
+  uint32_t RunCommand(Channel& channel, typename Steps::Cmd& cmd);
   unsigned char* Area() const { return static_cast<unsigned char*>(m_hShmDataSwap); }
 
   // Spins, without sleeping, until Flag leaves its request value or the
@@ -90,6 +100,7 @@ class ComChannelBase {
 
   std::atomic<bool> m_bBusy{false};
   std::atomic<bool> m_bRtosError{true};
+  ChannelWorker m_worker;  // last, so that it stops before the rest goes
 };
 
 class ConnectCmdThread : public ComChannelBase {

@@ -1,5 +1,5 @@
+#include "ChannelCommand.h"
 #include "ComThread.h"
-#include "FaultGuard.h"
 #include "QorVarlok/ZelVarlok.h"
 #include "RtosApi.h"
 #include "VarlokLog.h"
@@ -30,7 +30,8 @@ uint32_t ConnectCmdThread::Async(connectCmd& cmd) {
   static const AsyncProfile profile{"ConnectCmdThread::Async",         true, kFutureWaitMs,
                                     "async connect thread timeout",     "async connect thread defered or failed",
                                     ERR_PLC_CONNECT_FAILED};
-  return RunAsync(profile, [this, &cmd] { return runAsyncIntf(cmd); });
+  std::pair<ConnectCmdThread*, connectCmd*> job{this, &cmd};
+  return RunAsync(profile, &RunBody<ConnectCmdThread, connectCmd>, &job);
 }
 
 namespace {
@@ -44,64 +45,38 @@ uint32_t MapRefusal(uint32_t raw, uint32_t current) {
   }
 }
 
+struct ConnectSteps {
+  using Cmd = connectCmd;
+  using Answer = ConnectAnswer;
+  static constexpr const char* kFunc = "ConnectCmdThread::runAsyncIntf";
+  static constexpr bool kClearCaller = false;  // a fault leaves the caller's record unwritten
+  static constexpr bool kClearArea = false;
+  static constexpr bool kLogRequest = true;
+  static constexpr bool kLogRtosError = false;
+  static constexpr const char* kRetryText = "RTE_ERROR_TIMEOUT,E:{}";
+  static constexpr bool kRetryPrintf = false;
+  static constexpr uint32_t Answer::*kAnswerErr = &Answer::errInfo;
+
+  static uint32_t& Err(Cmd& c) { return c.errInfo; }
+  static void Write(unsigned char* area, const Cmd& c) { WriteConnectSlot(area, c); }
+  static uint32_t LoadFlag(const unsigned char* area) { return LoadConnectFlag(area); }
+  static Answer Read(const unsigned char* area) { return ReadConnectAnswer(area); }
+  static bool Good(const Answer& a) { return a.Flag == kConnectFlagDone && a.errInfo == 0; }
+  static void TakeValues(const unsigned char*, Cmd&) {}
+  static void Accept(Cmd& local, const Answer& a) {
+    local.beat = a.beat;
+    if (local.Flag == 0 || local.Flag == 2) local.Flag = a.Flag;
+    local.seq = a.seq;
+    local.errInfo = 0;
+  }
+  static void Refuse(Cmd& local, const Answer& a) {
+    VLOG(err, kFunc, "WaitEvent, pFlag={}, pErr={}", a.Flag, a.errInfo);
+    local.errInfo = MapRefusal(a.errInfo, local.errInfo);
+  }
+};
+
 }  // namespace
 
-uint32_t ConnectCmdThread::runAsyncIntf(connectCmd& cmd) {
-  constexpr const char* kFunc = "ConnectCmdThread::runAsyncIntf";
-  connectCmd local = cmd;
-  int attemptsLeft = kAttempts;
-  m_bRtosError = false;
-  unsigned char* const area = Area();
-  bool repeat = false;
-  do {
-    repeat = false;
-    if (!platform::RunFaultGuarded([&] { WriteConnectSlot(area, local); })) {
-      // The mapping has gone: the caller's record is not written.
-      return Rtos().IsAlive() != 0 ? ERR_UNDEFINED : ERR_RTOS_UNAVAILABLE;
-    }
-    VLOG(info, kFunc, "{}", local);
-    const uint32_t noted = LoadConnectFlag(area);
-    const uint32_t sent = SendEvent();
-    if (sent != 0) {
-      VLOG(err, kFunc, "SendEvent, Err:{}", sent);
-      local.errInfo = ERR_RTOS_SEND_EVENT_FAILED;
-      m_bRtosError = true;
-      break;
-    }
-    const uint32_t w = WaitEvent(kAnswerWaitMs);
-    if (w == 0) {
-      ConnectAnswer answer;
-      if (!platform::RunFaultGuarded([&] {
-            SpinOnFlag([area] { return LoadConnectFlag(area); }, noted);
-            answer = ReadConnectAnswer(area);
-          }))
-        throw ShmMappingLost();
-      if (answer.Flag == kConnectFlagDone && answer.errInfo == 0) {
-        local.beat = answer.beat;
-        if (local.Flag == 0 || local.Flag == 2) local.Flag = answer.Flag;
-        local.seq = answer.seq;
-        local.errInfo = 0;
-      } else {
-        VLOG(err, kFunc, "WaitEvent, pFlag={}, pErr={}", answer.Flag, answer.errInfo);
-        local.errInfo = MapRefusal(answer.errInfo, local.errInfo);
-      }
-    } else if (w == RTE_ERROR_TIMEOUT) {
-      uint32_t slotErr = 0;
-      if (!platform::RunFaultGuarded([&] { slotErr = ReadConnectAnswer(area).errInfo; })) throw ShmMappingLost();
-      VLOG(warn, kFunc, "RTE_ERROR_TIMEOUT,E:{}", slotErr);
-      local.errInfo = ERR_RTOS_RECV_EVENT_FAILED;
-      --attemptsLeft;
-      repeat = true;
-    } else {
-      local.errInfo = ERR_RTOS_RECV_EVENT_FAILED;
-      VLOGP(warn, kFunc, "UnknownError(0x%X)", w);
-    }
-  } while (repeat && attemptsLeft > 0);
-
-  cmd = local;
-  if (local.errInfo == ERR_RTOS_SEND_EVENT_FAILED || local.errInfo == ERR_RTOS_RECV_EVENT_FAILED)
-    m_bRtosError = true;
-  return local.errInfo;
-}
+uint32_t ConnectCmdThread::runAsyncIntf(connectCmd& cmd) { return RunCommand<ConnectSteps>(*this, cmd); }
 
 }  // namespace qorvarlok::shm

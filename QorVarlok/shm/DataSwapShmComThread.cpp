@@ -1,8 +1,8 @@
 #include <chrono>
 #include <cstring>
 
+#include "ChannelCommand.h"
 #include "ComThread.h"
-#include "FaultGuard.h"
 #include "QorVarlok/ZelVarlok.h"
 #include "RtosApi.h"
 #include "VarlokLog.h"
@@ -31,70 +31,47 @@ uint32_t DataSwapShmComThread::Async(rwCmd& cmd) {
   static const AsyncProfile profile{"DataSwapShmComThread::Async", false, kDataSwapFutureWaitMs,
                                     "async thread timeout",        "async thread execute defered or failed",
                                     ERR_PLC_READ_WRITE_FAILED};
-  return RunAsync(profile, [this, &cmd] { return runAsyncIntf(cmd); });
+  std::pair<DataSwapShmComThread*, rwCmd*> job{this, &cmd};
+  return RunAsync(profile, &RunBody<DataSwapShmComThread, rwCmd>, &job);
 }
 
-uint32_t DataSwapShmComThread::runAsyncIntf(rwCmd& cmd) {
-  constexpr const char* kFunc = "DataSwapShmComThread::runAsyncIntf";
-  rwCmd local = cmd;
-  cmd = rwCmd();
-  int attemptsLeft = kAttempts;
-  m_bRtosError = false;
-  unsigned char* const area = Area();
-  bool repeat = false;
-  do {
-    repeat = false;
-    if (!platform::RunFaultGuarded([&] {
-          std::memset(area, 0, kDataSwapClearLength);
-          WriteRwSlot(area, local);
-        }))
-      return Rtos().IsAlive() != 0 ? ERR_UNDEFINED : ERR_RTOS_UNAVAILABLE;  // caller's record stays cleared
-    const uint8_t noted = LoadRwFlag(area);
-    const uint32_t sent = SendEvent();
-    if (sent != 0) {
-      VLOG(err, kFunc, "SendEvent, Err:{}", sent);
-      local.Err = ERR_RTOS_SEND_EVENT_FAILED;
-      m_bRtosError = true;
-      break;
-    }
-    const uint32_t w = WaitEvent(kAnswerWaitMs);
-    if (w == 0) {
-      RwAnswer answer;
-      if (!platform::RunFaultGuarded([&] {
-            SpinOnFlag([area] { return LoadRwFlag(area); }, noted);
-            answer = ReadRwAnswer(area);
-            if (answer.Flag != 0 && answer.Err == 0 && local.Rw == kRwRead && local.ByteTotal > 0 &&
-                local.pValue != nullptr)
-              std::memcpy(local.pValue, area + RwValueOffset(local.Size), local.ByteTotal);
-          }))
-        throw ShmMappingLost();
-      if (answer.Flag == 0 || answer.Err != 0) {
-        VLOG(err, kFunc, "E:{}, Flag:{}", answer.Err, unsigned{answer.Flag});
-        local.Err = ERR_PLC_READ_WRITE_FAILED;
-      } else {
-        local.Flag = answer.Flag;
-        local.Err = 0;
-      }
-    } else if (w == RTE_ERROR_TIMEOUT) {
-      uint32_t slotErr = 0;
-      if (!platform::RunFaultGuarded([&] { slotErr = ReadRwAnswer(area).Err; })) throw ShmMappingLost();
-      VLOGP(warn, kFunc, "RTE_ERROR_TIMEOUT.E:%d", static_cast<int>(slotErr));
-      local.Err = ERR_RTOS_RECV_EVENT_FAILED;
-      --attemptsLeft;
-      repeat = true;
-    } else {
-      VLOGP(warn, kFunc, "UnknownError(0x%X)", w);
-      local.Err = ERR_RTOS_RECV_EVENT_FAILED;
-    }
-  } while (repeat && attemptsLeft > 0);
+namespace {
 
-  if (local.Err == ERR_RTOS_SEND_EVENT_FAILED || local.Err == ERR_RTOS_RECV_EVENT_FAILED) {
-    VLOG(warn, kFunc, "Rtos Error");
-    m_bRtosError = true;
+struct DataSwapSteps {
+  using Cmd = rwCmd;
+  using Answer = RwAnswer;
+  static constexpr const char* kFunc = "DataSwapShmComThread::runAsyncIntf";
+  static constexpr bool kClearCaller = true;  // a fault leaves the value pointer null
+  static constexpr bool kClearArea = true;
+  static constexpr bool kLogRequest = false;
+  static constexpr bool kLogRtosError = true;
+  static constexpr const char* kRetryText = "RTE_ERROR_TIMEOUT.E:%d";
+  static constexpr bool kRetryPrintf = true;
+  static constexpr uint32_t Answer::*kAnswerErr = &Answer::Err;
+
+  static uint32_t& Err(Cmd& c) { return c.Err; }
+  static void Write(unsigned char* area, const Cmd& c) { WriteRwSlot(area, c); }
+  static uint8_t LoadFlag(const unsigned char* area) { return LoadRwFlag(area); }
+  static Answer Read(const unsigned char* area) { return ReadRwAnswer(area); }
+  static bool Good(const Answer& a) { return a.Flag != 0 && a.Err == 0; }
+  // A read's values, copied while the fault guard still covers the mapping.
+  static void TakeValues(const unsigned char* area, Cmd& local) {
+    if (local.Rw == kRwRead && local.ByteTotal > 0 && local.pValue != nullptr)
+      std::memcpy(local.pValue, area + RwValueOffset(local.Size), local.ByteTotal);
   }
-  cmd = local;
-  return local.Err;
-}
+  static void Accept(Cmd& local, const Answer& a) {
+    local.Flag = a.Flag;
+    local.Err = 0;
+  }
+  static void Refuse(Cmd& local, const Answer& a) {
+    VLOG(err, kFunc, "E:{}, Flag:{}", a.Err, unsigned{a.Flag});
+    local.Err = ERR_PLC_READ_WRITE_FAILED;
+  }
+};
+
+}  // namespace
+
+uint32_t DataSwapShmComThread::runAsyncIntf(rwCmd& cmd) { return RunCommand<DataSwapSteps>(*this, cmd); }
 
 // ---------------------------------------------------------------- queue path
 

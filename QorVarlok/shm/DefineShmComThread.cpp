@@ -1,5 +1,5 @@
+#include "ChannelCommand.h"
 #include "ComThread.h"
-#include "FaultGuard.h"
 #include "QorVarlok/ZelVarlok.h"
 #include "RtosApi.h"
 #include "VarlokLog.h"
@@ -26,64 +26,45 @@ uint32_t DefineShmComThread::Async(defineCmd& cmd) {
   static const AsyncProfile profile{"DefineShmComThread::Async",  false, kFutureWaitMs,
                                     "async define thread timeout", "async define thread execute defered or failed",
                                     ERR_PLC_DEFINE_FAILED};
-  return RunAsync(profile, [this, &cmd] { return runAsyncIntf(cmd); });
+  std::pair<DefineShmComThread*, defineCmd*> job{this, &cmd};
+  return RunAsync(profile, &RunBody<DefineShmComThread, defineCmd>, &job);
 }
 
-uint32_t DefineShmComThread::runAsyncIntf(defineCmd& cmd) {
-  constexpr const char* kFunc = "DefineShmComThread::runAsyncIntf";
+namespace {
+
+struct DefineSteps {
+  using Cmd = defineCmd;
+  using Answer = DefineAnswer;
+  static constexpr const char* kFunc = "DefineShmComThread::runAsyncIntf";
   // The worker holds the only live copy of the entries during the command.
-  defineCmd local = std::move(cmd);
-  cmd = defineCmd();
-  int attemptsLeft = kAttempts;
-  m_bRtosError = false;
-  unsigned char* const area = Area();
-  bool repeat = false;
-  do {
-    repeat = false;
-    if (!platform::RunFaultGuarded([&] { WriteDefineSlot(area, local); }))
-      return Rtos().IsAlive() != 0 ? ERR_UNDEFINED : ERR_RTOS_UNAVAILABLE;
-    const uint8_t noted = LoadDefineFlag(area);
-    const uint32_t sent = SendEvent();
-    if (sent != 0) {
-      VLOG(err, kFunc, "SendEvent, Err:{}", sent);
-      local.Err = ERR_RTOS_SEND_EVENT_FAILED;
-      m_bRtosError = true;
-      break;
-    }
-    const uint32_t w = WaitEvent(kAnswerWaitMs);
-    if (w == 0) {
-      DefineAnswer answer;
-      if (!platform::RunFaultGuarded([&] {
-            SpinOnFlag([area] { return LoadDefineFlag(area); }, noted);
-            answer = ReadDefineAnswer(area);
-          }))
-        throw ShmMappingLost();
-      if (answer.Flag == 0 || answer.Err != 0) {
-        VLOG(err, kFunc, "E:{}, Flag:{}", answer.Err, unsigned{answer.Flag});
-        local.Err = ERR_PLC_DEFINE_FAILED;
-      } else {
-        local.Flag = answer.Flag;
-        local.TagsHandle = answer.TagsHandle;
-        local.Err = 0;
-      }
-    } else if (w == RTE_ERROR_TIMEOUT) {
-      uint16_t slotErr = 0;
-      if (!platform::RunFaultGuarded([&] { slotErr = ReadDefineAnswer(area).Err; })) throw ShmMappingLost();
-      VLOGP(warn, kFunc, "RTE_ERROR_TIMEOUT,E:%d", static_cast<int>(slotErr));
-      local.Err = ERR_RTOS_RECV_EVENT_FAILED;
-      --attemptsLeft;
-      repeat = true;
-    } else {
-      VLOGP(warn, kFunc, "UnknownError(0x%X)", w);
-      local.Err = ERR_RTOS_RECV_EVENT_FAILED;
-    }
-  } while (repeat && attemptsLeft > 0);
+  static constexpr bool kClearCaller = true;
+  static constexpr bool kClearArea = false;
+  static constexpr bool kLogRequest = false;
+  static constexpr bool kLogRtosError = false;
+  static constexpr const char* kRetryText = "RTE_ERROR_TIMEOUT,E:%d";
+  static constexpr bool kRetryPrintf = true;
+  static constexpr uint16_t Answer::*kAnswerErr = &Answer::Err;
 
-  const uint32_t result = local.Err;
-  cmd = std::move(local);
-  if (result == ERR_RTOS_SEND_EVENT_FAILED || result == ERR_RTOS_RECV_EVENT_FAILED) m_bRtosError = true;
-  return result;
-}
+  static uint32_t& Err(Cmd& c) { return c.Err; }
+  static void Write(unsigned char* area, const Cmd& c) { WriteDefineSlot(area, c); }
+  static uint8_t LoadFlag(const unsigned char* area) { return LoadDefineFlag(area); }
+  static Answer Read(const unsigned char* area) { return ReadDefineAnswer(area); }
+  static bool Good(const Answer& a) { return a.Flag != 0 && a.Err == 0; }
+  static void TakeValues(const unsigned char*, Cmd&) {}
+  static void Accept(Cmd& local, const Answer& a) {
+    local.Flag = a.Flag;
+    local.TagsHandle = a.TagsHandle;
+    local.Err = 0;
+  }
+  static void Refuse(Cmd& local, const Answer& a) {
+    VLOG(err, kFunc, "E:{}, Flag:{}", a.Err, unsigned{a.Flag});
+    local.Err = ERR_PLC_DEFINE_FAILED;
+  }
+};
+
+}  // namespace
+
+uint32_t DefineShmComThread::runAsyncIntf(defineCmd& cmd) { return RunCommand<DefineSteps>(*this, cmd); }
 
 uint32_t DefineShmComThread::ReadyCmd(defineCmd& cmd) {
   {
