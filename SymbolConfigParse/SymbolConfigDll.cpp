@@ -111,7 +111,7 @@ void StoreMessage(char* text) {
 // Looks the handle up under the registry's mutex and runs op on it, with the
 // two refusals and the exception pattern of the browsing exports.
 template <typename Op>
-unsigned int WithOpenHandle(void* handle, const char* function, Op op) {
+unsigned int WithOpenHandle(void* handle, qorvarlok::log::Site function, Op op) {
   try {
     Registry& registry = TheRegistry();
     std::lock_guard<std::mutex> lock(registry.mutex);

@@ -2,6 +2,9 @@
 # Installs what the build and the tests need on Debian 12, and nothing that
 # is already there: the Debian packages below (apt-get update only when one
 # is missing) and the zh_CN.GBK locale, which tests of the GBK texts use.
+# With --bench also what scripts/bench.sh needs for its page and nothing
+# else does (gnuplot draws the plot, python3 writes the page), so the test
+# command does not install them.
 # Needs root, or sudo, only when something is missing.
 set -euo pipefail
 
@@ -15,6 +18,9 @@ PACKAGES=(
   swig mono-mcs mono-runtime
   python3-dev python3-pytest
 )
+if [ "${1:-}" = "--bench" ]; then
+  PACKAGES+=(gnuplot-nox python3)
+fi
 
 as_root() {
   if [ "$(id -u)" -eq 0 ]; then

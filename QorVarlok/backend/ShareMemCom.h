@@ -16,6 +16,7 @@
 
 #include "ShmCmd.h"
 #include "Varlok.h"
+#include "VarlokLog.h"
 
 namespace ZelmonteVarlok {
 
@@ -56,10 +57,10 @@ class ShareMemCom : public Varlok {
   enum class Step3 { Short, WithLength, Numbered };
 
   // Steps 2 and 3 of every list operation: lookup and the list's own test.
-  uint32_t FindList(void* handle, const char* func, Step3 text, bool requireTags, TagsList*& list);
-  uint32_t WalkNodes(const TagsList& list, Walk walk, const char* func, const std::vector<int>* types,
+  uint32_t FindList(void* handle, qorvarlok::log::Site func, Step3 text, bool requireTags, TagsList*& list);
+  uint32_t WalkNodes(const TagsList& list, Walk walk, qorvarlok::log::Site func, const std::vector<int>* types,
                      const std::vector<int>* lengths);
-  uint32_t CheckTypedLength(const qorvarlok::tags::TagNode& node, size_t i, Walk walk, const char* func,
+  uint32_t CheckTypedLength(const qorvarlok::tags::TagNode& node, size_t i, Walk walk, qorvarlok::log::Site func,
                             const std::vector<int>& types, const std::vector<int>& lengths);
   // The command for this list; index entries and value buffer are the list's.
   qorvarlok::shm::rwCmd MakeRwCmd(TagsList& list, uint8_t rw, uint32_t size, uint32_t byteTotal);
@@ -69,13 +70,13 @@ class ShareMemCom : public Varlok {
   static uint32_t SendRwGuarded(qorvarlok::shm::rwCmd& cmd);
   // False when there was no client or the call threw; result is then ERR_RTOS_UNAVAILABLE.
   static bool SendDefineGuarded(qorvarlok::shm::defineCmd& cmd, uint32_t& result);
-  unsigned int ReadList(void* handle, const char* func, Walk walk, TagsList*& list);
+  unsigned int ReadList(void* handle, qorvarlok::log::Site func, Walk walk, TagsList*& list);
   void FillRecords(TagsList& list, tagTagVarValue* records, size_t count);
   void CopyOutTyped(TagsList& list, std::vector<void*>& dataHeads);
-  uint32_t CopyInTyped(TagsList& list, std::vector<void*>& dataHeads, const char* func);
+  uint32_t CopyInTyped(TagsList& list, std::vector<void*>& dataHeads, qorvarlok::log::Site func);
   unsigned int WriteTagValueRaw(void* handle, unsigned char* data, unsigned int rawCount);
-  uint32_t ArrayHead(void* handle, const char* func, bool write, TagsList*& list);
-  uint32_t StructHead(void* handle, const char* func, bool write, TagsList*& list);
+  uint32_t ArrayHead(void* handle, qorvarlok::log::Site func, bool write, TagsList*& list);
+  uint32_t StructHead(void* handle, qorvarlok::log::Site func, bool write, TagsList*& list);
   qorvarlok::shm::defineCmd MakeDefineCmd(const TagsList& list);
 
   std::atomic<bool> m_bShmInit{false};

@@ -25,7 +25,7 @@ void Clear(unsigned char* buffer, uint32_t n) {
 // copy, behind every documented check, as the copy through it would. There it
 // throws CallerBufferFault instead of faulting.
 
-uint32_t ShareMemCom::ArrayHead(void* handle, const char* func, bool write, TagsList*& list) {
+uint32_t ShareMemCom::ArrayHead(void* handle, qorvarlok::log::Site func, bool write, TagsList*& list) {
   uint32_t r = FindList(handle, func, Step3::WithLength, true, list);
   if (r != 0) return r;
   const TagNode* node = list->nodeArray.empty() ? nullptr : list->nodeArray[0];
@@ -40,7 +40,7 @@ uint32_t ShareMemCom::ArrayHead(void* handle, const char* func, bool write, Tags
   return 0;
 }
 
-uint32_t ShareMemCom::StructHead(void* handle, const char* func, bool write, TagsList*& list) {
+uint32_t ShareMemCom::StructHead(void* handle, qorvarlok::log::Site func, bool write, TagsList*& list) {
   uint32_t r = FindList(handle, func, write ? Step3::WithLength : Step3::Numbered, true, list);
   if (r != 0) return r;
   const TagNode* node = list->nodeArray.empty() ? nullptr : list->nodeArray[0];

@@ -22,7 +22,7 @@ bool IsCompoundType(int type) { return type == TAG_TYPE_STRUCTURE || type == TAG
 
 // ------------------------------------------------------------ shared pieces
 
-uint32_t ShareMemCom::FindList(void* handle, const char* func, Step3 text, bool requireTags, TagsList*& list) {
+uint32_t ShareMemCom::FindList(void* handle, qorvarlok::log::Site func, Step3 text, bool requireTags, TagsList*& list) {
   list = (handle != nullptr && m_pTagManager != nullptr) ? m_pTagManager->searchShmTagsList(handle) : nullptr;
   if (list == nullptr) {
     VLOG(err, func, "tagsList == nullptr");
@@ -44,7 +44,7 @@ uint32_t ShareMemCom::FindList(void* handle, const char* func, Step3 text, bool 
   return ERR_INVALID_VAR_DEFS;
 }
 
-uint32_t ShareMemCom::CheckTypedLength(const TagNode& node, size_t i, Walk walk, const char* func,
+uint32_t ShareMemCom::CheckTypedLength(const TagNode& node, size_t i, Walk walk, qorvarlok::log::Site func,
                                        const std::vector<int>& types, const std::vector<int>& lengths) {
   const bool stringType = IsStringType(node.Type);
   const bool match = stringType ? types[i] == node.Type : lengths[i] == node.Size;
@@ -63,7 +63,7 @@ uint32_t ShareMemCom::CheckTypedLength(const TagNode& node, size_t i, Walk walk,
   return ERR_UNMATCH_WITH_DEFINE;
 }
 
-uint32_t ShareMemCom::WalkNodes(const TagsList& list, Walk walk, const char* func, const std::vector<int>* types,
+uint32_t ShareMemCom::WalkNodes(const TagsList& list, Walk walk, qorvarlok::log::Site func, const std::vector<int>* types,
                                 const std::vector<int>* lengths) {
   const bool read = walk == Walk::ArrayRead || walk == Walk::VectorRead || walk == Walk::ReadValue;
   for (size_t i = 0; i < list.nodeArray.size(); ++i) {
@@ -145,7 +145,7 @@ void ShareMemCom::FillRecords(TagsList& list, tagTagVarValue* records, size_t co
 
 // ---------------------------------------------------------------------- reads
 
-unsigned int ShareMemCom::ReadList(void* handle, const char* func, Walk walk, TagsList*& list) {
+unsigned int ShareMemCom::ReadList(void* handle, qorvarlok::log::Site func, Walk walk, TagsList*& list) {
   uint32_t r = FindList(handle, func, Step3::WithLength, true, list);
   if (r == 0) r = WalkNodes(*list, walk, func, nullptr, nullptr);
   if (r != 0) return r;
@@ -295,7 +295,7 @@ unsigned int ShareMemCom::WriteTag(void* handle, std::vector<std::string>& value
   return r;
 }
 
-uint32_t ShareMemCom::CopyInTyped(TagsList& list, std::vector<void*>& dataHeads, const char* func) {
+uint32_t ShareMemCom::CopyInTyped(TagsList& list, std::vector<void*>& dataHeads, qorvarlok::log::Site func) {
   uint32_t offset = 0;
   for (size_t i = 0; i < list.nodeArray.size(); ++i) {
     const TagNode* node = list.nodeArray[i];

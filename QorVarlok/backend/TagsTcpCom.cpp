@@ -176,9 +176,9 @@ unsigned int TagsTcpCom::DeleteTagsHandle(void*& handle) {
 
 // ---------------------------------------------------------------- the lists
 
-TagsTcpCom::TagsList* TagsTcpCom::LookUp(void* handle, qlog::level level, const char* func) {
+TagsTcpCom::TagsList* TagsTcpCom::LookUp(void* handle, qlog::level level, qlog::Site func) {
   TagsList* list = m_pTagManager != nullptr ? m_pTagManager->searchTcpTagsList(handle) : nullptr;
-  if (list == nullptr) qlog::write(spdlog::source_loc{__FILE__, __LINE__, func}, level, "tagslist == nullptr");
+  if (list == nullptr) qlog::write(func.loc, level, "tagslist == nullptr");
   return list;
 }
 

@@ -52,7 +52,7 @@ class TagsTcpCom : public Varlok {
  private:
   using TagsList = qorvarlok::tags::TagsList;
   // The manager's list of a handle, or null after logging "tagslist == nullptr" at the given level.
-  TagsList* LookUp(void* handle, qorvarlok::log::level level, const char* func);
+  TagsList* LookUp(void* handle, qorvarlok::log::level level, qorvarlok::log::Site func);
   // The bytes this side lays out for each name: the width the controller is asked to keep.
   std::vector<uint32_t> WidthsOf(const std::vector<std::string>& names);
   // The length walk of ReadTagValue and the typed WriteTagValue.

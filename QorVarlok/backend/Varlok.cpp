@@ -46,7 +46,7 @@ int Varlok::baseByteLength(int typeCode) { return qorvarlok::baseByteLength(type
 
 uint32_t Varlok::sessionId() { return g_sessionCounter.fetch_add(1); }
 
-int Varlok::serializeString(std::string value, int type, unsigned char* dest, int& size) {
+int Varlok::serializeString(const std::string& value, int type, unsigned char* dest, int& size) {
   return qorvarlok::tags::EncodeValueText(value, type, dest, size);
 }
 

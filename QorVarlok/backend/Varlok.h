@@ -64,7 +64,7 @@ class Varlok {
   // Fresh value per command record; first value 1; process-wide.
   static uint32_t sessionId();
   // Text to controller binary form by type code; 0 or 1 (failure).
-  static int serializeString(std::string value, int type, unsigned char* dest, int& size);
+  static int serializeString(const std::string& value, int type, unsigned char* dest, int& size);
 
  protected:
   std::mutex m_mutex;

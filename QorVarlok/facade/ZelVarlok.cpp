@@ -25,15 +25,15 @@ namespace {
 
 using Lock = std::lock_guard<std::mutex>;
 
-void logAt(const char* function, qlog::level level, const char* text) {
-  qlog::write(spdlog::source_loc{__FILE__, __LINE__, function}, level, "{}", text);
+void logAt(qlog::Site function, qlog::level level, const char* text) {
+  qlog::write(function.loc, level, "{}", text);
 }
 
 // The two handlers of the exception pattern, at the method's level.
-void logException(const char* function, qlog::level level, const std::exception& e) {
-  qlog::write(spdlog::source_loc{__FILE__, __LINE__, function}, level, "exception={}", e.what());
+void logException(qlog::Site function, qlog::level level, const std::exception& e) {
+  qlog::write(function.loc, level, "exception={}", e.what());
 }
-void logUnknownException(const char* function, qlog::level level) {
+void logUnknownException(qlog::Site function, qlog::level level) {
   logAt(function, level, "unknown exception");
 }
 
@@ -53,7 +53,7 @@ constexpr HandleTexts kWriteBuffTexts{qlog::err, "handle is %p", qlog::err, "han
 // The guards shared by the list, array, structure and typed operations, in
 // their order; 0 when the operation may go to the backend. The caller holds
 // g_comMutex.
-unsigned int guardTagOperation(ZelVarlok_p* p, HTAGLIST handle, const char* function, const HandleTexts& texts) {
+unsigned int guardTagOperation(ZelVarlok_p* p, HTAGLIST handle, qlog::Site function, const HandleTexts& texts) {
   if (!p->IsVarlokExist()) {
     logAt(function, qlog::err, "!m_ZelVarlokPrivate->IsVarlokExist()");
     return ERR_COMMUNICATION_NOT_INITIALIZED;
@@ -63,11 +63,11 @@ unsigned int guardTagOperation(ZelVarlok_p* p, HTAGLIST handle, const char* func
     return ERR_NOT_CONNECTED;
   }
   if (handle == nullptr) {
-    qlog::writePrintf(spdlog::source_loc{__FILE__, __LINE__, function}, texts.nullLevel, texts.nullText, handle);
+    qlog::writePrintf(function.loc, texts.nullLevel, texts.nullText, handle);
     return ERR_INVALID_TAG_HANDLE;
   }
   if (!p->isTagHandleVaild(handle)) {
-    qlog::writePrintf(spdlog::source_loc{__FILE__, __LINE__, function}, texts.invalidLevel, texts.invalidText,
+    qlog::writePrintf(function.loc, texts.invalidLevel, texts.invalidText,
                       handle);
     return ERR_INVALID_TAG_HANDLE;
   }
@@ -77,7 +77,7 @@ unsigned int guardTagOperation(ZelVarlok_p* p, HTAGLIST handle, const char* func
 // The pattern of a guarded tag operation: private pointer, lock, guards,
 // backend; after an exception the local code (0 unless the backend answered).
 template <typename Call>
-unsigned int runTagOperation(ZelVarlok_p* p, HTAGLIST handle, const char* function, const HandleTexts& texts,
+unsigned int runTagOperation(ZelVarlok_p* p, HTAGLIST handle, qlog::Site function, const HandleTexts& texts,
                              Call&& call) {
   if (p == nullptr) {
     logAt(function, qlog::err, "m_ZelVarlokPrivate==nullptr");
@@ -398,7 +398,7 @@ namespace {
 
 // After a caught exception, or a fault the platform cannot catch, each
 // CreateTagsHandleAnsi form ends like its failed connection guard.
-HTAGLIST createFailed(const char* function, qlog::level level, const char* text, unsigned int& error) {
+HTAGLIST createFailed(qlog::Site function, qlog::level level, const char* text, unsigned int& error) {
   logAt(function, level, text);
   error = ERR_COMMUNICATION_NOT_INITIALIZED;
   return nullptr;

@@ -132,12 +132,12 @@ void ZelVarlok_p::SaveTemplateData(unsigned int key, void* data, int32_t type, c
   record.lengths.push_back(length);
 }
 
-unsigned int ZelVarlok_p::runTemplateCall(unsigned int key, HTAGLIST handle, const char* function,
+unsigned int ZelVarlok_p::runTemplateCall(unsigned int key, HTAGLIST handle, qorvarlok::log::Site function,
                                           BackendCall call) {
   std::lock_guard<std::mutex> lock(m_mutex);
   auto it = m_templateData.find(key);
   if (it == m_templateData.end()) {
-    qorvarlok::log::write(spdlog::source_loc{__FILE__, __LINE__, function}, qorvarlok::log::warn, "not found {}",
+    qorvarlok::log::write(function.loc, qorvarlok::log::warn, "not found {}",
                           key);
     return 0;
   }

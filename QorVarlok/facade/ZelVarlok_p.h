@@ -18,6 +18,7 @@
 
 #include "QorVarlok/ZelVarlok.h"
 #include "Varlok.h"
+#include "VarlokLog.h"
 
 namespace qorvarlok::facade {
 
@@ -80,7 +81,7 @@ class ZelVarlok_p {
 
  private:
   using BackendCall = unsigned int (*)(ZelmonteVarlok::Varlok&, HTAGLIST, TemplateDataRecord&);
-  unsigned int runTemplateCall(unsigned int key, HTAGLIST handle, const char* function, BackendCall call);
+  unsigned int runTemplateCall(unsigned int key, HTAGLIST handle, qorvarlok::log::Site function, BackendCall call);
 };
 
 // The hand-written exports of the managed surface.

@@ -9,6 +9,11 @@
 //
 // Levels are spdlog's: trace, debug, info, warn, err, critical.
 // Nothing is logged once logging has been taken down at unload.
+//
+// A helper that logs for its caller takes the caller's name as a Site, not a
+// const char*: a Site made from the name at the call keeps that call's file
+// and line, and VLOG given a Site writes them, so each line tells where the
+// operation that logged it stands, not where the helper does.
 #pragma once
 
 #include <spdlog/fmt/bin_to_hex.h>
@@ -26,6 +31,20 @@ constexpr level info = spdlog::level::info;
 constexpr level warn = spdlog::level::warn;
 constexpr level err = spdlog::level::err;
 constexpr level critical = spdlog::level::critical;
+
+// The function name of a log line with the file and line of the call that
+// named it (the compiler's builtins, evaluated where the conversion happens).
+struct Site {
+  // NOLINTNEXTLINE(google-explicit-constructor): made implicitly at each call
+  Site(const char* function, const char* file = __builtin_FILE(), int line = __builtin_LINE())
+      : loc{file, line, function} {}
+  const char* function() const { return loc.funcname; }
+  spdlog::source_loc loc;
+};
+
+// The location a VLOG line carries: the macro's own for a name, the call's for a Site.
+inline spdlog::source_loc at(const char* function, const char* file, int line) { return {file, line, function}; }
+inline spdlog::source_loc at(const Site& site, const char*, int) { return site.loc; }
 
 template <typename... Args>
 inline void write(const spdlog::source_loc& loc, level lvl, fmt::format_string<Args...> text, Args&&... args) {
@@ -62,13 +81,14 @@ inline void writeHex(const spdlog::source_loc& loc, const char* title, const voi
 
 }  // namespace qorvarlok::log
 
-// The three macros exist only to capture __FILE__ and __LINE__ at the call.
+// The macros exist only to capture __FILE__ and __LINE__ at the call (or to
+// pass on a Site's).
 // lvl is a bare level name: VLOG(err, "ZelVarlok::InitializeCom", "{}", code).
 #define VLOG(lvl, func, ...) \
-  ::qorvarlok::log::write(::spdlog::source_loc{__FILE__, __LINE__, func}, ::qorvarlok::log::lvl, __VA_ARGS__)
+  ::qorvarlok::log::write(::qorvarlok::log::at(func, __FILE__, __LINE__), ::qorvarlok::log::lvl, __VA_ARGS__)
 #define VLOGU(lvl, func, ...) \
-  ::qorvarlok::log::writeUnfilled(::spdlog::source_loc{__FILE__, __LINE__, func}, ::qorvarlok::log::lvl, __VA_ARGS__)
+  ::qorvarlok::log::writeUnfilled(::qorvarlok::log::at(func, __FILE__, __LINE__), ::qorvarlok::log::lvl, __VA_ARGS__)
 #define VLOGP(lvl, func, ...) \
-  ::qorvarlok::log::writePrintf(::spdlog::source_loc{__FILE__, __LINE__, func}, ::qorvarlok::log::lvl, __VA_ARGS__)
+  ::qorvarlok::log::writePrintf(::qorvarlok::log::at(func, __FILE__, __LINE__), ::qorvarlok::log::lvl, __VA_ARGS__)
 #define VLOG_HEX(func, title, data, len) \
-  ::qorvarlok::log::writeHex(::spdlog::source_loc{__FILE__, __LINE__, func}, title, data, len)
+  ::qorvarlok::log::writeHex(::qorvarlok::log::at(func, __FILE__, __LINE__), title, data, len)

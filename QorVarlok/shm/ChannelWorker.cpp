@@ -23,9 +23,10 @@ constexpr int64_t kWorkerSpinNs = 50'000;
 // a controller that answers late (its waits run to a second) is waited for
 // asleep.
 constexpr int64_t kCallerSpinNs = 200'000;
-// A spinner yields every so many pauses (~2 us), so that on a processor it
-// shares with the other side, or with the controller, they still run.
-constexpr int kPausesPerYield = 64;
+// A spinner yields every so many pauses (~20 us), so that on a processor it
+// shares with the other side, or with the controller, they still run. Not
+// more often: on a virtual machine a yield costs a few microseconds itself.
+constexpr int kPausesPerYield = 512;
 
 inline void CpuRelax() {
 #if defined(__x86_64__) || defined(__i386__)

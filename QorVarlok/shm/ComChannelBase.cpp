@@ -22,7 +22,7 @@ uint32_t ComChannelBase::SendEvent() {
   return Rtos().SendEvent(m_hEventTx);
 }
 
-bool ComChannelBase::OpenEvents(const char* func, const char* rxName, const char* txName) {
+bool ComChannelBase::OpenEvents(log::Site func, const char* rxName, const char* txName) {
   uint32_t r = Rtos().OpenEvent(0, 0, rxName, &m_hEventRx);
   if (r != 0) {
     VLOGP(warn, func, "m_hEventRx,Error(0x%X)", r);
@@ -44,7 +44,7 @@ std::atomic<MutexHeldHook> g_mutexHeldHook{nullptr};
 
 void SetMutexHeldHook(MutexHeldHook hook) { g_mutexHeldHook.store(hook); }
 
-uint32_t ComChannelBase::RunAsync(const AsyncProfile& p, ChannelWorker::Body body, void* context) {
+uint32_t ComChannelBase::RunAsync(log::Site site, const AsyncProfile& p, ChannelWorker::Body body, void* context) {
   uint32_t w = platform::WaitForNamedMutex(m_hMutex, kMutexWaitMs);
   if (w == platform::kWaitAbandoned) {
     // A client died holding the mutex; the wait has made it consistent and
@@ -54,26 +54,26 @@ uint32_t ComChannelBase::RunAsync(const AsyncProfile& p, ChannelWorker::Body bod
     // and this caller told of a write that never went out. So the command goes
     // out as after a normal wait, and the mutex is released as after one.
     if (p.connectTexts) {
-      VLOG(err, p.func, "WAIT_ABANDONED");
+      VLOG(err, site, "WAIT_ABANDONED");
     } else {
-      VLOG(warn, p.func, "WAIT_ABANDONED");
+      VLOG(warn, site, "WAIT_ABANDONED");
     }
     w = platform::kWaitObject0;
   }
   if (w != platform::kWaitObject0) {
     if (p.connectTexts) {
-      VLOG(err, p.func, "WaitForSingleObject,E: {}", w);
+      VLOG(err, site, "WaitForSingleObject,E: {}", w);
     } else {
-      VLOGP(warn, p.func, "WaitForSingleObject,E:%d", static_cast<int>(w));
+      VLOGP(warn, site, "WaitForSingleObject,E:%d", static_cast<int>(w));
     }
     return ERR_WAIT_TIMEOUT;
   }
   if (MutexHeldHook hook = g_mutexHeldHook.load()) hook(p.func);
   if (m_hShmDataSwap == nullptr) {
     if (p.connectTexts) {
-      VLOG(err, p.func, "m_hShmDataSwap == nullptr");
+      VLOG(err, site, "m_hShmDataSwap == nullptr");
     } else {
-      VLOG(warn, p.func, "m_hShmDataSwap == nullptr");
+      VLOG(warn, site, "m_hShmDataSwap == nullptr");
     }
     return 0;
   }
@@ -90,19 +90,19 @@ uint32_t ComChannelBase::RunAsync(const AsyncProfile& p, ChannelWorker::Body bod
       failure = std::current_exception();
     }
   } else if (posted) {
-    VLOGU(err, p.func, p.timeoutText);
+    VLOGU(err, site, p.timeoutText);
     result = ERR_WAIT_TIMEOUT;
     m_bRtosError = true;
   } else {
-    VLOGU(err, p.func, p.failedText);
+    VLOGU(err, site, p.failedText);
     result = p.failedCode;
   }
   m_bBusy = false;  // ends a worker's spin on Flag
   if (!platform::ReleaseNamedMutex(m_hMutex)) {
     if (p.connectTexts) {
-      VLOG(err, p.func, "ReleaseMutex {}", platform::NamedMutexLastError());
+      VLOG(err, site, "ReleaseMutex {}", platform::NamedMutexLastError());
     } else {
-      VLOGP(err, p.func, "ReleaseMutex %d", static_cast<int>(platform::NamedMutexLastError()));
+      VLOGP(err, site, "ReleaseMutex %d", static_cast<int>(platform::NamedMutexLastError()));
     }
   }
   // A command that outlived its limit may still use the caller's record: the

@@ -23,6 +23,7 @@
 #include "NamedMutex.h"
 #include "RtosLib64.h"
 #include "ShmCmd.h"
+#include "VarlokLog.h"
 
 namespace qorvarlok::shm {
 
@@ -77,9 +78,10 @@ class ComChannelBase {
   };
 
   // Opens Rx then Tx; false (and logged) at the first failure.
-  bool OpenEvents(const char* func, const char* rxName, const char* txName);
+  bool OpenEvents(log::Site func, const char* rxName, const char* txName);
   // Runs body(context) on the channel's worker thread within the profile's limit.
-  uint32_t RunAsync(const AsyncProfile& profile, ChannelWorker::Body body, void* context);
+  // site: the channel's Async, named in the lines it logs.
+  uint32_t RunAsync(log::Site site, const AsyncProfile& profile, ChannelWorker::Body body, void* context);
   template <typename Channel, typename Cmd>
   static uint32_t RunBody(void* context) {
     auto* job = static_cast<std::pair<Channel*, Cmd*>*>(context);

@@ -31,7 +31,7 @@ uint32_t ConnectCmdThread::Async(connectCmd& cmd) {
                                     "async connect thread timeout",     "async connect thread defered or failed",
                                     ERR_PLC_CONNECT_FAILED};
   std::pair<ConnectCmdThread*, connectCmd*> job{this, &cmd};
-  return RunAsync(profile, &RunBody<ConnectCmdThread, connectCmd>, &job);
+  return RunAsync(profile.func, profile, &RunBody<ConnectCmdThread, connectCmd>, &job);
 }
 
 namespace {

@@ -32,7 +32,7 @@ uint32_t DataSwapShmComThread::Async(rwCmd& cmd) {
                                     "async thread timeout",        "async thread execute defered or failed",
                                     ERR_PLC_READ_WRITE_FAILED};
   std::pair<DataSwapShmComThread*, rwCmd*> job{this, &cmd};
-  return RunAsync(profile, &RunBody<DataSwapShmComThread, rwCmd>, &job);
+  return RunAsync(profile.func, profile, &RunBody<DataSwapShmComThread, rwCmd>, &job);
 }
 
 namespace {

@@ -27,7 +27,7 @@ uint32_t DefineShmComThread::Async(defineCmd& cmd) {
                                     "async define thread timeout", "async define thread execute defered or failed",
                                     ERR_PLC_DEFINE_FAILED};
   std::pair<DefineShmComThread*, defineCmd*> job{this, &cmd};
-  return RunAsync(profile, &RunBody<DefineShmComThread, defineCmd>, &job);
+  return RunAsync(profile.func, profile, &RunBody<DefineShmComThread, defineCmd>, &job);
 }
 
 namespace {

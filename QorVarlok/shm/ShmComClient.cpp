@@ -76,7 +76,7 @@ uint32_t ShmComClient::InitShmDataSwap(void** address) {
   return MapArea("ShmComClient::InitShmDataSwap", L"DataSwapArea", kDataSwapMapLength, false, address);
 }
 
-uint32_t ShmComClient::MapArea(const char* func, const wchar_t* name, uint32_t mapLength, bool logSmallSize,
+uint32_t ShmComClient::MapArea(log::Site func, const wchar_t* name, uint32_t mapLength, bool logSmallSize,
                                void** address) {
   uint32_t id = 0;
   uint32_t r = Rtos().QueryShmId(name, kShmQueryMode, &id);

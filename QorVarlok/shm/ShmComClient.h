@@ -47,7 +47,7 @@ class ShmComClient {
   uint32_t InitShmDefine(void** address);
   uint32_t InitShmDataSwap(void** address);
   // The one procedure behind the three above.
-  uint32_t MapArea(const char* func, const wchar_t* name, uint32_t mapLength, bool logSmallSize, void** address);
+  uint32_t MapArea(log::Site func, const wchar_t* name, uint32_t mapLength, bool logSmallSize, void** address);
   // The common tail of the three write operations for a non-zero result.
   uint32_t MapFailure(uint32_t r, bool rtosError, uint32_t resultWhenClear);
 

@@ -1,6 +1,7 @@
 #include "TagValueText.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdint>
 #include <cstring>
 #include <exception>
@@ -41,7 +42,30 @@ int fixedWidth(int type) {
   return type == TAG_TYPE_STRING || type == TAG_TYPE_WSTRING ? 0 : qorvarlok::baseByteLength(type);
 }
 
-// The bits of a fixed-width value; throws what std::stoi/stof/stod throw.
+// What std::stoi reads, without its exception and its allocation on the way
+// out, since a list write parses one text per tag: white space (as the locale
+// has it), a sign, decimal digits up to the first other character. False
+// without a digit or for a value outside int, where std::stoi throws.
+bool parseInt(const std::string& text, int64_t& out) {
+  const char* p = text.c_str();
+  while (std::isspace(static_cast<unsigned char>(*p))) ++p;
+  const bool negative = *p == '-';
+  if (*p == '+' || *p == '-') ++p;
+  if (*p < '0' || *p > '9') return false;
+  int64_t value = 0;
+  for (; *p >= '0' && *p <= '9'; ++p) {
+    value = value * 10 + (*p - '0');
+    if (value > int64_t{INT32_MAX} + 1) return false;  // outside int whatever follows
+  }
+  if (negative) value = -value;
+  if (value > INT32_MAX) return false;
+  out = value;
+  return true;
+}
+
+struct NotANumber {};
+
+// The bits of a fixed-width value; throws what std::stof/stod throw, or NotANumber.
 uint64_t fixedBits(const std::string& text, int type) {
   switch (type) {
     case TAG_TYPE_LWORD:
@@ -58,8 +82,11 @@ uint64_t fixedBits(const std::string& text, int type) {
       return bitsOf(std::stof(text));
     case TAG_TYPE_LREAL:
       return bitsOf(std::stod(text));
-    default:  // Bool, Byte, SInt, Word, Int, DInt: through int, low bytes kept
-      return bitsOf(static_cast<int64_t>(std::stoi(text)));
+    default: {  // Bool, Byte, SInt, Word, Int, DInt: through int, low bytes kept
+      int64_t value = 0;
+      if (!parseInt(text, value)) throw NotANumber();
+      return bitsOf(value);
+    }
   }
 }
 

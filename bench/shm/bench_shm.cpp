@@ -8,17 +8,23 @@
 //   BM_WriteTagListText/N  ZelVarlok::WriteTagList with one text per tag
 //
 // Each reports the median and 99th percentile of one round trip in
-// microseconds, tags per second at the median, and x_floor: the median over
-// the bare round trip's median measured in the same run.
+// microseconds, tags per second at the median, cpu_us: the processor time of
+// one round trip in this process (caller and channel thread) and in
+// varlok-sim together, and x_floor: the median over the floor measured in the
+// same run, the bare round trip's median plus the clearing's (the least any
+// read or write can cost).
 #include <benchmark/benchmark.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <map>
 #include <memory>
 #include <string>
@@ -36,7 +42,29 @@ using Clock = std::chrono::steady_clock;
 constexpr unsigned kMaxTags = 10000;
 constexpr size_t kClearLength = 0x280000;
 
-double g_floorMedianUs = 0;
+double g_bareMedianUs = 0;
+double g_clearMedianUs = 0;
+
+double ProcessCpuUs() {
+  timespec t{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) * 1e6 + static_cast<double>(t.tv_nsec) / 1e3;
+}
+
+// User and system time of another process (clock ticks, so read over many round trips).
+double ChildCpuUs(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  std::getline(stat, line);
+  const size_t close = line.rfind(')');
+  if (close == std::string::npos) return 0;
+  std::istringstream fields(line.substr(close + 2));
+  std::string field;
+  double ticks = 0;
+  for (int i = 3; i <= 15 && fields >> field; ++i)
+    if (i >= 14) ticks += std::stod(field);
+  return ticks * 1e6 / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
 
 double Percentile(std::vector<double> samples, double p) {
   if (samples.empty()) return 0;
@@ -50,7 +78,11 @@ void Report(benchmark::State& state, const std::vector<double>& samples, double 
   state.counters["median_us"] = median;
   state.counters["p99_us"] = Percentile(samples, 0.99);
   if (tags > 0 && median > 0) state.counters["tags_per_s"] = tags * 1e6 / median;
-  if (g_floorMedianUs > 0) state.counters["x_floor"] = median / g_floorMedianUs;
+  const double floor = g_bareMedianUs + g_clearMedianUs;
+  if (tags > 0 && floor > 0) {
+    state.counters["floor_us"] = floor;
+    state.counters["x_floor"] = median / floor;
+  }
 }
 
 // ------------------------------------------------------------------ floor
@@ -109,7 +141,7 @@ void BM_BareSlotRoundTrip(benchmark::State& state) {
   RtosSendEvent(request);
   waitpid(child, nullptr, 0);
   if (lost != 0) return state.SkipWithError("answers lost");
-  g_floorMedianUs = Percentile(samples, 0.5);
+  g_bareMedianUs = Percentile(samples, 0.5);
   Report(state, samples, 0);
 }
 
@@ -126,6 +158,7 @@ void BM_ClearDataSwapArea(benchmark::State& state) {
     samples.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
   }
   munmap(area, length);
+  g_clearMedianUs = Percentile(samples, 0.5);
   Report(state, samples, 0);
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(kClearLength));
 }
@@ -184,13 +217,16 @@ void RoundTrips(benchmark::State& state, Op op) {
   HTAGLIST h = s.List(n);
   if (h == nullptr) return state.SkipWithError("define failed");
   std::vector<double> samples;
+  const double cpu0 = ProcessCpuUs() + ChildCpuUs(s.sim.pid);
   for (auto _ : state) {
     const auto start = Clock::now();
     const unsigned int r = op(*s.varlok, h, n);
     samples.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
     if (r != 0) return state.SkipWithError(("code " + std::to_string(r)).c_str());
   }
+  const double cpu = ProcessCpuUs() + ChildCpuUs(s.sim.pid) - cpu0;
   Report(state, samples, n);
+  if (!samples.empty()) state.counters["cpu_us"] = cpu / static_cast<double>(samples.size());
 }
 
 void BM_ReadTagList(benchmark::State& state) {

@@ -17,6 +17,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -43,19 +44,35 @@ using namespace qorvarlok::controller;
 namespace proto = qorvarlok::tagaccess;
 
 struct Stats {
-  double median = 0, p99 = 0;
+  double median = 0, p99 = 0, cpu = 0;  // cpu: mean processor time of one, all threads of the process
 };
 
-Stats Summarize(std::vector<double> us) {
-  std::sort(us.begin(), us.end());
-  if (us.empty()) return {};
-  return {us[us.size() / 2], us[std::min(us.size() - 1, us.size() * 99 / 100)]};
+double CpuUs() {
+  timespec t{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) * 1e6 + static_cast<double>(t.tv_nsec) / 1e3;
 }
 
-double TimeUs(const std::function<void()>& f) {
+// Wall-clock samples, and the processor time they took in all (the servers run in this process).
+struct Samples {
+  std::vector<double> us;
+  double cpuUs = 0;
+};
+
+Stats Summarize(Samples s) {
+  std::vector<double>& us = s.us;
+  std::sort(us.begin(), us.end());
+  if (us.empty()) return {};
+  return {us[us.size() / 2], us[std::min(us.size() - 1, us.size() * 99 / 100)],
+          s.cpuUs / static_cast<double>(us.size())};
+}
+
+void Time(Samples& s, const std::function<void()>& f) {
+  const double cpu = CpuUs();
   const auto start = Clock::now();
   f();
-  return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+  s.us.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+  s.cpuUs += CpuUs() - cpu;
 }
 
 std::string LoadAverage() {
@@ -145,12 +162,12 @@ class PingPong {
   std::vector<uint8_t> m_request, m_answer;
 };
 
-// libmodbus with its own server: 2 000 holding registers.
+// libmodbus with its own server: 20 000 holding registers, room for 10 000 DInt.
 class Modbus {
  public:
   Modbus() {
-    m_mapping = modbus_mapping_new(0, 0, 2000, 0);
-    for (int i = 0; i < 2000; ++i) m_mapping->tab_registers[i] = static_cast<uint16_t>(i);
+    m_mapping = modbus_mapping_new(0, 0, kRegisters, 0);
+    for (int i = 0; i < kRegisters; ++i) m_mapping->tab_registers[i] = static_cast<uint16_t>(i);
     m_serverCtx = modbus_new_tcp("127.0.0.1", 0);
     m_listen = modbus_tcp_listen(m_serverCtx, 1);
     sockaddr_in a{};
@@ -188,6 +205,17 @@ class Modbus {
     return ok;
   }
   bool Read125() { return modbus_read_registers(m_client, 0, 125, m_registers) == 125; }
+  // n DInt: 2n registers in requests of at most 125.
+  bool ReadDInt(unsigned n) {
+    bool ok = m_bOk;
+    for (int first = 0; ok && first < static_cast<int>(2 * n); first += 125) {
+      const int count = std::min(125, static_cast<int>(2 * n) - first);
+      ok = modbus_read_registers(m_client, first, count, m_registers + first) == count &&
+           m_registers[first + count - 1] == static_cast<uint16_t>(first + count - 1);
+    }
+    return ok;
+  }
+  static constexpr int kRegisters = 20000;
 
  private:
   modbus_mapping_t* m_mapping = nullptr;
@@ -195,7 +223,7 @@ class Modbus {
   modbus_t* m_client = nullptr;
   int m_listen = -1;
   bool m_bOk = false;
-  uint16_t m_registers[2000] = {};
+  uint16_t m_registers[kRegisters] = {};
   std::thread m_server;
 };
 
@@ -204,15 +232,27 @@ struct Line {
   Stats ours, floor;
 };
 
+FILE* g_csv = nullptr;  // --csv FILE: one line per figure for scripts/bench.sh
+
+void Csv(const char* kind, unsigned n, const Stats& ours, const Stats& floor) {
+  if (g_csv == nullptr) return;
+  std::fprintf(g_csv, "%s,%u,%.2f,%.2f,%.2f,%.2f,%.2f\n", kind, n, ours.median, ours.p99, floor.median, floor.p99,
+               ours.cpu);
+}
+
 void Print(const Line& l) {
-  std::printf("%-28s %10.1f %10.1f %12.1f %10.1f %8.2fx\n", l.what.c_str(), l.ours.median, l.ours.p99,
-              l.floor.median, l.floor.p99, l.floor.median > 0 ? l.ours.median / l.floor.median : 0.0);
+  std::printf("%-28s %10.1f %10.1f %12.1f %10.1f %8.2fx %8.1f\n", l.what.c_str(), l.ours.median, l.ours.p99,
+              l.floor.median, l.floor.p99, l.floor.median > 0 ? l.ours.median / l.floor.median : 0.0, l.ours.cpu);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
+  bool quick = false;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--quick") == 0) quick = true;
+    if (std::strcmp(argv[i], "--csv") == 0 && i + 1 < argc) g_csv = std::fopen(argv[++i], "w");
+  }
   const std::string path = "/tmp/bench_tcp" + std::to_string(getpid()) + ".xml";
   if (!shmtest::WriteProject(path, 10000)) return 1;
   std::unique_ptr<qorvarlok::symbols::SymbolConfiguration> config(
@@ -236,7 +276,8 @@ int main(int argc, char** argv) {
   PingPong floor;
   std::printf("TCP list read and write on loopback, whole library against its floor (bare ping-pong of the same bytes)\n");
   std::printf("load average %s, %u cores; microseconds\n", LoadAverage().c_str(), std::thread::hardware_concurrency());
-  std::printf("%-28s %10s %10s %12s %10s %9s\n", "case", "median", "p99", "floor median", "floor p99", "ratio");
+  std::printf("%-28s %10s %10s %12s %10s %9s %8s\n", "case", "median", "p99", "floor median", "floor p99", "ratio",
+              "cpu");
 
   bool wrong = false;
   Stats read1000;
@@ -250,26 +291,28 @@ int main(int argc, char** argv) {
     }
     std::vector<int32_t> values(n);
     const unsigned rounds = 10, per = quick ? 20 : (n >= 10000 ? 60 : 300);
-    std::vector<double> readUs, writeUs, readFloor, writeFloor;
+    Samples readUs, writeUs, readFloor, writeFloor;
     for (unsigned r = 0; r < rounds; ++r) {
       for (unsigned i = 0; i < n; ++i) values[i] = static_cast<int32_t>(r * 100000 + i);
       tagTagVarValue* records = nullptr;
       unsigned int count = 0;
       for (unsigned k = 0; k < per; ++k) {
-        writeUs.push_back(TimeUs([&] { wrong |= varlok.WriteTagList(h, reinterpret_cast<unsigned char*>(values.data()), n) != 0; }));
-        readUs.push_back(TimeUs([&] { wrong |= varlok.ReadTagList(h, &records, count) != 0; }));
+        Time(writeUs, [&] { wrong |= varlok.WriteTagList(h, reinterpret_cast<unsigned char*>(values.data()), n) != 0; });
+        Time(readUs, [&] { wrong |= varlok.ReadTagList(h, &records, count) != 0; });
       }
       wrong |= count != n || std::memcmp(records[n - 1].Value, &values[n - 1], 4) != 0;
       // The same bytes as our frames: a read is 20 out and 20 + 4n back, a write 24 + 4n out and 16 back.
       floor.Shape(proto::kHeaderSize + 4, proto::kHeaderSize + 4 + 4 * n);
-      for (unsigned k = 0; k < per; ++k) readFloor.push_back(TimeUs([&] { floor.RoundTrip(); }));
+      for (unsigned k = 0; k < per; ++k) Time(readFloor, [&] { floor.RoundTrip(); });
       floor.Shape(proto::kHeaderSize + 8 + 4 * n, proto::kHeaderSize);
-      for (unsigned k = 0; k < per; ++k) writeFloor.push_back(TimeUs([&] { floor.RoundTrip(); }));
+      for (unsigned k = 0; k < per; ++k) Time(writeFloor, [&] { floor.RoundTrip(); });
     }
     const Line read{"ReadTagList  " + std::to_string(n) + " DInt", Summarize(readUs), Summarize(readFloor)};
     const Line write{"WriteTagList " + std::to_string(n) + " DInt", Summarize(writeUs), Summarize(writeFloor)};
     Print(read);
     Print(write);
+    Csv("tcp_read", n, read.ours, read.floor);
+    Csv("tcp_write", n, write.ours, write.floor);
     if (n == 1000) {
       read1000 = read.ours;
       std::printf("%-28s read %.2fx, write %.2fx of the floor (medians; target at most 1.5x)\n", "  1 000 tags:",
@@ -279,11 +322,20 @@ int main(int argc, char** argv) {
   }
 
   Modbus modbus;
-  std::vector<double> m4000, m125;
+  Samples m4000, m125;
   bool modbusOk = true;
   for (unsigned k = 0; k < (quick ? 50u : 1000u); ++k) {
-    m4000.push_back(TimeUs([&] { modbusOk &= modbus.Read4000(); }));
-    m125.push_back(TimeUs([&] { modbusOk &= modbus.Read125(); }));
+    Time(m4000, [&] { modbusOk &= modbus.Read4000(); });
+    Time(m125, [&] { modbusOk &= modbus.Read125(); });
+  }
+  for (unsigned n : {1u, 100u, 1000u, 10000u}) {  // the same tag counts as above, as DInt in registers
+    Samples s;
+    for (unsigned k = 0; k < (quick ? 10u : (n >= 10000 ? 100u : 500u)); ++k)
+      Time(s, [&] { modbusOk &= modbus.ReadDInt(n); });
+    const Stats st = Summarize(s);
+    std::printf("libmodbus %5u DInt (%u registers): median %.1f p99 %.1f cpu %.1f\n", n, 2 * n, st.median, st.p99,
+                st.cpu);
+    Csv("modbus_read", n, st, Stats{});
   }
   const Stats mb = Summarize(m4000), mb125 = Summarize(m125);
   std::printf("\nlibmodbus, its own server: 125 registers median %.1f p99 %.1f; 4 000 bytes (16 x 125) median %.1f p99 %.1f%s\n",
@@ -291,6 +343,7 @@ int main(int argc, char** argv) {
   std::printf("ReadTagList of 1 000 DInt (4 000 bytes) against libmodbus: %.1fx faster (medians; target at least 8x)\n",
               read1000.median > 0 ? mb.median / read1000.median : 0.0);
   std::printf("load average after the run %s\n", LoadAverage().c_str());
+  if (g_csv != nullptr) std::fclose(g_csv);
   if (wrong) std::printf("SOME READS OR WRITES FAILED OR READ WRONG VALUES\n");
   varlok.ExitVarlokCommunication();
   std::remove(path.c_str());

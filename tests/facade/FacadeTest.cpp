@@ -1,5 +1,7 @@
 // The exported class against a fake backend: guards in every state and their
 // order, lifecycle, exception paths, typed templates, description queries.
+#include <set>
+
 #include "FacadeFixture.h"
 #include "SymbolConfigDll.h"
 
@@ -130,6 +132,26 @@ TEST_F(FacadeTest, CreateTagsHandleFormsInEveryState) {
     }
     EXPECT_EQ(state == Connected ? 12u : 0u, fake ? fake->CountOf("CreateTagsHandle") : 0u);  // all with period 100
   }
+}
+
+// Each operation's guard line carries that operation's own place in the
+// source, though one shared guard writes them all.
+TEST_F(FacadeTest, GuardLinesCarryTheLocationOfTheOperationThatFailed) {
+  ZelVarlok varlok;
+  HTAGLIST h = reinterpret_cast<HTAGLIST>(&varlok);
+  std::vector<tagTagVarValue> values;
+  std::vector<std::string> texts{"1"};
+  unsigned int count = 0;
+  int32_t data[4] = {};
+  log.Clear();
+  EXPECT_EQ(kNoCom, varlok.ReadTagList(h, values, count));
+  EXPECT_EQ(kNoCom, varlok.WriteTagList(h, texts));
+  EXPECT_EQ(kNoCom, varlok.ReadArray(h, 4, data, 0, 1));
+  EXPECT_EQ(kNoCom, varlok.WriteArray(h, 4, data, 0, 1));
+  const std::vector<std::string> sites = log.Sites(err, "!m_ZelVarlokPrivate->IsVarlokExist()");
+  ASSERT_EQ(4u, sites.size());
+  for (const std::string& site : sites) EXPECT_EQ(0u, site.rfind("ZelVarlok.cpp:", 0)) << site;
+  EXPECT_EQ(4u, std::set<std::string>(sites.begin(), sites.end()).size()) << "one place for all: the helper's";
 }
 
 TEST_F(FacadeTest, LifecycleGuardsInEveryState) {

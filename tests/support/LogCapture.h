@@ -25,6 +25,7 @@ struct LogRecord {
   std::string text;
   std::string function;
   std::string file;
+  int line = 0;
 };
 
 class CaptureSink : public spdlog::sinks::base_sink<std::mutex> {
@@ -59,6 +60,16 @@ class CaptureSink : public spdlog::sinks::base_sink<std::mutex> {
       if (r.text.find(fragment) != std::string::npos) return true;
     return false;
   }
+  // "file:line" (the file's last path component) of each record with this level and exact text.
+  std::vector<std::string> Sites(spdlog::level::level_enum level, const std::string& text) {
+    Drain();
+    std::lock_guard<std::mutex> lock(m_recordsMutex);
+    std::vector<std::string> sites;
+    for (const auto& r : m_records)
+      if (r.level == level && r.text == text)
+        sites.push_back(r.file.substr(r.file.rfind('/') + 1) + ":" + std::to_string(r.line));
+    return sites;
+  }
   // Logs a marker and waits for it: everything logged before has then arrived.
   void Drain() {
     static std::atomic<unsigned> serial{0};
@@ -73,7 +84,8 @@ class CaptureSink : public spdlog::sinks::base_sink<std::mutex> {
  protected:
   void sink_it_(const spdlog::details::log_msg& msg) override {
     LogRecord record{msg.level, std::string(msg.payload.data(), msg.payload.size()),
-                     msg.source.funcname ? msg.source.funcname : "", msg.source.filename ? msg.source.filename : ""};
+                     msg.source.funcname ? msg.source.funcname : "", msg.source.filename ? msg.source.filename : "",
+                     msg.source.line};
     {
       std::lock_guard<std::mutex> lock(m_recordsMutex);
       m_records.push_back(std::move(record));

@@ -316,6 +316,11 @@ TEST(ValueText, SerializeStringByTypeCode) {
       {"\xE9", 18, 4, 0, {0xE9, 0, 0, 0}} /* a byte is a unit */, {"", 7, 4, 1, no}, {"", 17, 4, 1, no},
       {"5", 7, 2, 1, no} /* the tag is narrower than the type */, {"5", 9, 8, 1, no}, {"5", 12, 8, 1, no},
       {"5", 15, 8, 1, no}, {"5", 23, 8, 1, no}, {"5", 32767, 8, 1, no}, {"5", -1, 8, 1, no},
+      // the integer reading of std::stoi: white space, one sign, digits up to the first other character
+      {"+5", 7, 4, 0, {5, 0, 0, 0}}, {"\t\n -7x", 7, 4, 0, {0xF9, 0xFF, 0xFF, 0xFF}}, {"0x10", 7, 4, 0, {0, 0, 0, 0}},
+      {"2147483647", 7, 4, 0, {0xFF, 0xFF, 0xFF, 0x7F}}, {"-2147483648", 7, 4, 0, {0, 0, 0, 0x80}},
+      {"-2147483649", 7, 4, 1, no}, {"99999999999999999999999", 6, 2, 1, no}, {"-", 7, 4, 1, no},
+      {"+-1", 7, 4, 1, no}, {" ", 7, 4, 1, no}, {"- 1", 0, 1, 1, no}, {std::string("\0" "5", 2), 7, 4, 1, no},
   };
   for (const auto& [text, type, size, result, bytes] : cases) {
     SCOPED_TRACE(text + " as type " + std::to_string(type));
