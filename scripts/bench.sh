@@ -13,7 +13,7 @@ set -euo pipefail
 
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 JOBS="${JOBS:-2}"
-BUILD="${QORVARLOK_BENCH_BUILD:-$ROOT/build/bench}"  # another build directory for a rerun
+BUILD="$(realpath -m "${QORVARLOK_BENCH_BUILD:-$ROOT/build/bench}")"  # another build directory for a rerun
 RESULTS="$BUILD/results"
 
 bash "$ROOT/scripts/install-deps.sh" --bench
@@ -48,5 +48,5 @@ run tcp_load "$BUILD/bench/tcp/bench_tcp_load" --clients 64 --seconds 10
 
 cat /proc/loadavg >"$RESULTS/load_after"
 python3 "$ROOT/scripts/bench_page.py" "$RESULTS" "$ROOT/docs"
-gnuplot "$ROOT/docs/benchmarks.gp"
+(cd "$ROOT" && gnuplot docs/benchmarks.gp)
 echo "bench: wrote docs/benchmarks.md and docs/benchmarks.png"

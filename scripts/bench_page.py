@@ -37,8 +37,9 @@ rows = []  # figure, value, floor, ratio, target, met, cpu
 
 def row(figure, value, floor, target, met, cpu, unit):
     ratio = f"{value / floor:.2f}x" if floor else "-"
-    rows.append((figure, f"{value:.1f} {unit}", f"{floor:.1f} {unit}" if floor else "-", ratio, target,
-                 "yes" if met else "**no**", f"{cpu:.1f} {unit}" if cpu is not None else "-"))
+    verdict = "-" if target == "-" else ("yes" if met else "**no**")
+    rows.append((figure, f"{value:.1f} {unit}", f"{floor:.1f} {unit}" if floor else "-", ratio, target, verdict,
+                 f"{cpu:.1f} {unit}" if cpu is not None else "-"))
 
 
 def missing(figure, target):
