@@ -3,6 +3,7 @@
 #include <exception>
 
 #include "ComThread.h"
+#include "FaultGuard.h"
 #include "QorVarlok/ZelVarlok.h"
 #include "RtosApi.h"
 #include "VarlokLog.h"
@@ -44,6 +45,20 @@ std::atomic<MutexHeldHook> g_mutexHeldHook{nullptr};
 
 void SetMutexHeldHook(MutexHeldHook hook) { g_mutexHeldHook.store(hook); }
 
+// The dead owner may have sent its request just before it died: the controller
+// then still works on it (a busy one answers late) and would read the slot
+// while this command rewrites it, refusing the half-written request and
+// answering it as if it were ours. So a request still open in the slot is
+// given the time the channel gives any answer; its answer event, when it
+// comes, is taken here and cannot be mistaken for ours. A request that was
+// never sent costs that wait once, after a client was killed.
+void ComChannelBase::SettleAbandonedCommand(const AsyncProfile& p) {
+  if (m_hShmDataSwap == nullptr || m_hEventRx == nullptr || p.requestOpen == nullptr) return;
+  bool open = false;
+  if (!platform::RunFaultGuarded([&] { open = p.requestOpen(Area()); }) || !open) return;
+  (void)Rtos().WaitEvent(m_hEventRx, kAnswerWaitMs);
+}
+
 uint32_t ComChannelBase::RunAsync(log::Site site, const AsyncProfile& p, ChannelWorker::Body body, void* context) {
   uint32_t w = platform::WaitForNamedMutex(m_hMutex, kMutexWaitMs);
   if (w == platform::kWaitAbandoned) {
@@ -59,6 +74,7 @@ uint32_t ComChannelBase::RunAsync(log::Site site, const AsyncProfile& p, Channel
       VLOG(warn, site, "WAIT_ABANDONED");
     }
     w = platform::kWaitObject0;
+    SettleAbandonedCommand(p);
   }
   if (w != platform::kWaitObject0) {
     if (p.connectTexts) {

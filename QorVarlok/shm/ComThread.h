@@ -75,6 +75,8 @@ class ComChannelBase {
     const char* timeoutText;
     const char* failedText;
     uint32_t failedCode;
+    // Whether the slot holds a request the controller has not answered yet.
+    bool (*requestOpen)(const unsigned char* area);
   };
 
   // Opens Rx then Tx; false (and logged) at the first failure.
@@ -91,6 +93,8 @@ class ComChannelBase {
   template <class Steps, class Channel>
   uint32_t RunCommand(Channel& channel, typename Steps::Cmd& cmd);
   unsigned char* Area() const { return static_cast<unsigned char*>(m_hShmDataSwap); }
+  // After an abandoned mutex: lets the controller finish the dead owner's command.
+  void SettleAbandonedCommand(const AsyncProfile& profile);
 
   // Spins, without sleeping, until Flag leaves its request value or the
   // caller's Async has given up (m_bBusy false).

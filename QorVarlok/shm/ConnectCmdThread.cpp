@@ -29,7 +29,8 @@ uint32_t ConnectCmdThread::WaitEvent(uint32_t timeoutMs) {
 uint32_t ConnectCmdThread::Async(connectCmd& cmd) {
   static const AsyncProfile profile{"ConnectCmdThread::Async",         true, kFutureWaitMs,
                                     "async connect thread timeout",     "async connect thread defered or failed",
-                                    ERR_PLC_CONNECT_FAILED};
+                                    ERR_PLC_CONNECT_FAILED,
+                                    [](const unsigned char* area) { return LoadConnectFlag(area) == kConnectFlagConnect; }};
   std::pair<ConnectCmdThread*, connectCmd*> job{this, &cmd};
   return RunAsync(profile.func, profile, &RunBody<ConnectCmdThread, connectCmd>, &job);
 }

@@ -30,7 +30,10 @@ uint32_t DataSwapShmComThread::WaitEvent(uint32_t timeoutMs) {
 uint32_t DataSwapShmComThread::Async(rwCmd& cmd) {
   static const AsyncProfile profile{"DataSwapShmComThread::Async", false, kDataSwapFutureWaitMs,
                                     "async thread timeout",        "async thread execute defered or failed",
-                                    ERR_PLC_READ_WRITE_FAILED};
+                                    ERR_PLC_READ_WRITE_FAILED, [](const unsigned char* area) {
+                                      const uint8_t f = LoadRwFlag(area);
+                                      return f == kRwRead || f == kRwWrite;
+                                    }};
   std::pair<DataSwapShmComThread*, rwCmd*> job{this, &cmd};
   return RunAsync(profile.func, profile, &RunBody<DataSwapShmComThread, rwCmd>, &job);
 }

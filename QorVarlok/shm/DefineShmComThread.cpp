@@ -25,7 +25,10 @@ uint32_t DefineShmComThread::WaitEvent(uint32_t timeoutMs) {
 uint32_t DefineShmComThread::Async(defineCmd& cmd) {
   static const AsyncProfile profile{"DefineShmComThread::Async",  false, kFutureWaitMs,
                                     "async define thread timeout", "async define thread execute defered or failed",
-                                    ERR_PLC_DEFINE_FAILED};
+                                    ERR_PLC_DEFINE_FAILED, [](const unsigned char* area) {
+                                      const uint8_t f = LoadDefineFlag(area);
+                                      return f == kDefineFlagDefine || f == kDefineFlagDelete;
+                                    }};
   std::pair<DefineShmComThread*, defineCmd*> job{this, &cmd};
   return RunAsync(profile.func, profile, &RunBody<DefineShmComThread, defineCmd>, &job);
 }
