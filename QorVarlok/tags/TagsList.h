@@ -30,6 +30,10 @@ class TagsList {
   TagsList* next = this;
   tagTagVarValue* values = nullptr;      // shm: totalBytes default records
   unsigned char* valueBuffer = nullptr;  // totalBytes bytes
+  // Which untyped checks of every tag (present, readable or writable, not a
+  // structure or array) the list has passed: its tags never change once it
+  // is built, so a cyclic read or write walks them once, not every cycle.
+  uint8_t m_passedWalks = 0;
 };
 
 }  // namespace qorvarlok::tags

@@ -63,10 +63,30 @@ void TagsManager::releaseAll() {
     delete m_pTagListHead;
     m_pTagListHead = nullptr;
   }
-  for (auto& entry : tagsNodeHash) delete entry.second;
-  tagsNodeHash.clear();
+  clearNodes();
   symbols::DisposeSymbolConfig(tagsConfig);
   tagsConfig = nullptr;
+}
+
+void TagsManager::clearNodes() {
+  m_nodeIndex.clear();
+  for (auto& entry : tagsNodeHash) delete entry.second;
+  tagsNodeHash.clear();
+}
+
+void TagsManager::addNode(std::map<std::string, TagNode*>::iterator hint, std::string key, TagNode* node) {
+  auto added = tagsNodeHash.emplace_hint(hint, std::move(key), node);
+  try {
+    m_nodeIndex.emplace(std::string_view(added->first), node);
+  } catch (...) {
+    tagsNodeHash.erase(added);  // the caller still owns node
+    throw;
+  }
+}
+
+TagNode* TagsManager::lookup(std::string_view name) const {
+  auto hit = m_nodeIndex.find(name);
+  return hit == m_nodeIndex.end() ? nullptr : hit->second;
 }
 
 unsigned int TagsManager::InitTagsManagerPrivate(symbols::TagsConfig* config) {
@@ -105,23 +125,21 @@ unsigned int TagsManager::InitTagsNodeHashByConf() {
     VLOG(err, "TagsManager::InitTagsNodeHashByConf", "get symbol failed err={}", code);
     return code;
   }
+  m_nodeIndex.reserve(m_nodeIndex.size() + count);
   for (unsigned int i = 0; i < count; ++i) {
     if (records[i].FullName == nullptr) continue;
     std::string key = localForm(records[i].FullName);
     auto slot = tagsNodeHash.lower_bound(key);
     if (slot != tagsNodeHash.end() && slot->first == key) continue;  // the first record wins
     std::unique_ptr<TagNode> node = makeNode(records[i], key);
-    tagsNodeHash.emplace_hint(slot, std::move(key), node.release());
+    addNode(slot, std::move(key), node.get());
+    node.release();
   }
   return 0;
 }
 
 void TagsManager::ReleaseTagsNodeHash() {
-  for (auto& entry : tagsNodeHash) {
-    delete entry.second;
-    entry.second = nullptr;
-  }
-  tagsNodeHash.clear();
+  clearNodes();
   symbols::DisposeSymbolConfig(tagsConfig);
   tagsConfig = nullptr;
   VLOG(info, "TagsManager::ReleaseTagsNodeHash", "ReleaseTagsNodeHash");
@@ -140,17 +158,13 @@ void TagsManager::ReleaseTagsManagerPrivate() {
 }
 
 TagNode* TagsManager::searchNode(const std::string& name) {
-  auto hit = tagsNodeHash.find(name);
-  if (hit == tagsNodeHash.end()) {
-    VLOG(err, "TagsManager::searchNode", "search Node failed {}", name);
-    return nullptr;
-  }
-  return hit->second;
+  TagNode* node = lookup(name);
+  if (node == nullptr) VLOG(err, "TagsManager::searchNode", "search Node failed {}", name);
+  return node;
 }
 
 TagNode* TagsManager::findTagNode(const std::string& name) {
-  auto hit = tagsNodeHash.find(name);
-  if (hit != tagsNodeHash.end()) return hit->second;
+  if (TagNode* node = lookup(name)) return node;
 
   std::string baseName;
   IndexMap indices;
@@ -158,10 +172,10 @@ TagNode* TagsManager::findTagNode(const std::string& name) {
   // all there is, and its miss is logged.
   if (!SplitIndexedName(name, baseName, indices) || indices.empty()) return searchNode(name);
 
-  auto base = tagsNodeHash.find(baseName);
-  if (base == tagsNodeHash.end()) return nullptr;
+  const TagNode* base = lookup(baseName);
+  if (base == nullptr) return nullptr;
   if (!indicesWithinBounds(indices)) return nullptr;
-  return insertIndexedNode(name, *base->second);
+  return insertIndexedNode(name, *base);
 }
 
 bool TagsManager::indicesWithinBounds(const IndexMap& indices) const {
@@ -201,7 +215,8 @@ TagNode* TagsManager::insertIndexedNode(const std::string& name, const TagNode& 
   node->MaxValue = base.MaxValue;
   node->EnumValue = base.EnumValue;
   TagNode* raw = node.get();
-  tagsNodeHash.emplace(name, node.release());
+  addNode(tagsNodeHash.lower_bound(name), name, raw);
+  node.release();
   return raw;
 }
 

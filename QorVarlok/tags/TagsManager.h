@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "TagData.h"
@@ -71,9 +73,17 @@ class TagsManager {
   bool indicesWithinBounds(const IndexMap& indices) const;
   TagNode* insertIndexedNode(const std::string& name, const TagNode& base);
   void releaseAll();
+  // The node of a full name, through the index; null when there is none.
+  TagNode* lookup(std::string_view name) const;
+  void addNode(std::map<std::string, TagNode*>::iterator hint, std::string key, TagNode* node);
+  void clearNodes();
 
   symbols::TagsConfig* tagsConfig = nullptr;
   std::map<std::string, TagNode*> tagsNodeHash;
+  // Every name of tagsNodeHash again, hashed: the ordered table's keys are
+  // what the names view, and resolving a list finds each name in one probe
+  // instead of some twenty string comparisons down the tree.
+  std::unordered_map<std::string_view, TagNode*> m_nodeIndex;
   std::map<std::string, std::string> reservedMap;
   std::map<void*, TagsList*> tcpTagLists;
   TagsList* m_pTagListHead = nullptr;
