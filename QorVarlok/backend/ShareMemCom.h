@@ -58,7 +58,11 @@ class ShareMemCom : public Varlok {
 
   // Steps 2 and 3 of every list operation: lookup and the list's own test.
   uint32_t FindList(void* handle, qorvarlok::log::Site func, Step3 text, bool requireTags, TagsList*& list);
-  uint32_t WalkNodes(const TagsList& list, Walk walk, qorvarlok::log::Site func, const std::vector<int>* types,
+  // The typed forms' checks, in their order, under the caller's lock: the
+  // list, one pointer per tag, the caller's arrays, then the walk.
+  uint32_t CheckTypedCall(void* handle, qorvarlok::log::Site func, Walk walk, const std::vector<void*>& dataHeads,
+                          const std::vector<int>& types, const std::vector<int>& lengths, TagsList*& list);
+  uint32_t WalkNodes(TagsList& list, Walk walk, qorvarlok::log::Site func, const std::vector<int>* types,
                      const std::vector<int>* lengths);
   uint32_t CheckTypedLength(const qorvarlok::tags::TagNode& node, size_t i, Walk walk, qorvarlok::log::Site func,
                             const std::vector<int>& types, const std::vector<int>& lengths);

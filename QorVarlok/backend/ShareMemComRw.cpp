@@ -63,11 +63,20 @@ uint32_t ShareMemCom::CheckTypedLength(const TagNode& node, size_t i, Walk walk,
   return ERR_UNMATCH_WITH_DEFINE;
 }
 
-uint32_t ShareMemCom::WalkNodes(const TagsList& list, Walk walk, qorvarlok::log::Site func, const std::vector<int>* types,
+uint32_t ShareMemCom::WalkNodes(TagsList& list, Walk walk, qorvarlok::log::Site func, const std::vector<int>* types,
                                 const std::vector<int>* lengths) {
   const bool read = walk == Walk::ArrayRead || walk == Walk::VectorRead || walk == Walk::ReadValue;
+  const bool typed = types != nullptr && lengths != nullptr;
+  const uint8_t passedBit = read ? 1 : 2;
+  const bool passed = (list.m_passedWalks & passedBit) != 0;
+  if (passed && !typed) return 0;
   for (size_t i = 0; i < list.nodeArray.size(); ++i) {
     const TagNode* node = list.nodeArray[i];
+    if (passed) {  // nothing left but the caller's types and lengths
+      const uint32_t r = CheckTypedLength(*node, i, walk, func, *types, *lengths);
+      if (r != 0) return r;
+      continue;
+    }
     if (node == nullptr) {
       VLOG(err, func, "pTagNode == nullptr");
       return ERR_EXIST_INVAILD_VAR;
@@ -86,11 +95,12 @@ uint32_t ShareMemCom::WalkNodes(const TagsList& list, Walk walk, qorvarlok::log:
       }
       return ERR_UNMATCH_TYPE_PARA;
     }
-    if (types != nullptr && lengths != nullptr) {
+    if (typed) {
       const uint32_t r = CheckTypedLength(*node, i, walk, func, *types, *lengths);
       if (r != 0) return r;
     }
   }
+  list.m_passedWalks |= passedBit;
   return 0;
 }
 
@@ -231,6 +241,19 @@ bool TypedArgsFit(const std::vector<void*>& heads, const std::vector<int>& types
 }
 }  // namespace
 
+uint32_t ShareMemCom::CheckTypedCall(void* handle, qorvarlok::log::Site func, Walk walk,
+                                     const std::vector<void*>& dataHeads, const std::vector<int>& types,
+                                     const std::vector<int>& lengths, TagsList*& list) {
+  uint32_t r = FindList(handle, func, Step3::Short, false, list);
+  if (r != 0) return r;
+  if (dataHeads.size() != list->length) {
+    VLOG(err, func, "length={}, size={}", list->length, dataHeads.size());
+    return ERR_UNMATCH_WITH_DEFINE;
+  }
+  if (!TypedArgsFit(dataHeads, types, lengths, list->length)) throw CallerBufferFault();
+  return WalkNodes(*list, walk, func, &types, &lengths);
+}
+
 unsigned int ShareMemCom::ReadTagValue(void* handle, std::vector<void*>& dataHeads, std::vector<int>& types,
                                        std::vector<int>& lengths) {
   constexpr const char* kFunc = "ShareMemCom::ReadTagValue";
@@ -240,14 +263,7 @@ unsigned int ShareMemCom::ReadTagValue(void* handle, std::vector<void*>& dataHea
   }
   std::lock_guard<std::mutex> lock(m_mutex);
   TagsList* list = nullptr;
-  uint32_t r = FindList(handle, kFunc, Step3::Short, false, list);
-  if (r != 0) return r;
-  if (dataHeads.size() != list->length) {
-    VLOG(err, kFunc, "length={}, size={}", list->length, dataHeads.size());
-    return ERR_UNMATCH_WITH_DEFINE;
-  }
-  if (!TypedArgsFit(dataHeads, types, lengths, list->length)) throw CallerBufferFault();
-  r = WalkNodes(*list, Walk::ReadValue, kFunc, &types, &lengths);
+  uint32_t r = CheckTypedCall(handle, kFunc, Walk::ReadValue, dataHeads, types, lengths, list);
   if (r != 0) return r;
   ClearBuffer(*list);
   rwCmd cmd = MakeRwCmd(*list, qorvarlok::shm::kRwRead, list->length, list->totalBytes);
@@ -342,14 +358,7 @@ unsigned int ShareMemCom::WriteTagValue(void* handle, std::vector<void*>& dataHe
   }
   std::lock_guard<std::mutex> lock(m_mutex);
   TagsList* list = nullptr;
-  uint32_t r = FindList(handle, kFunc, Step3::Short, false, list);
-  if (r != 0) return r;
-  if (dataHeads.size() != list->length) {
-    VLOG(err, kFunc, "length={}, size={}", list->length, dataHeads.size());
-    return ERR_UNMATCH_WITH_DEFINE;
-  }
-  if (!TypedArgsFit(dataHeads, types, lengths, list->length)) throw CallerBufferFault();
-  r = WalkNodes(*list, Walk::WriteValue, kFunc, &types, &lengths);
+  uint32_t r = CheckTypedCall(handle, kFunc, Walk::WriteValue, dataHeads, types, lengths, list);
   if (r != 0) return r;
   ClearBuffer(*list);
   rwCmd cmd = MakeRwCmd(*list, qorvarlok::shm::kRwWrite, list->length, list->totalBytes);
