@@ -418,19 +418,41 @@ HTAGLIST registerHandle(ZelVarlok_p* p, HTAGLIST handle) {
   return nullptr;
 }
 
-}  // namespace
+// The four forms share their guards and their end after a fault; they differ
+// in the level and text of the "not initialised" line and in what they check
+// before the backend is asked. site: the form's own call, for the lines it logs.
+struct CreateForm {
+  qlog::level level;
+  const char* notExist;
+};
+constexpr CreateForm kCreateWarn{qlog::warn, kNotExistWarn};
+constexpr CreateForm kCreateErr{qlog::err, kNotExistErr};
 
-HTAGLIST ZelVarlok::CreateTagsHandleAnsi(const char** names, unsigned int count, unsigned int& error) {
+template <class Make>
+HTAGLIST createAnsi(qlog::Site site, ZelVarlok_p* p, CreateForm form, unsigned int& error, Make make) {
   error = 0;
-  ZelVarlok_p* p = m_ZelVarlokPrivate;
   if (p == nullptr) {
-    VLOG(err, kCreateAnsi, "m_ZelVarlokPrivate==nullptr");
+    VLOG(err, site, "m_ZelVarlokPrivate==nullptr");
     error = ERR_COMMUNICATION_NOT_INITIALIZED;
     return nullptr;
   }
   try {
     Lock lock(g_comMutex);
-    if (!p->IsVarlokExist()) return createFailed(kCreateAnsi, qlog::warn, kNotExistWarn, error);
+    if (!p->IsVarlokExist()) return createFailed(site, form.level, form.notExist, error);
+    return make();
+  } catch (const std::exception& e) {
+    logException(site, qlog::info, e);
+  } catch (...) {
+    logUnknownException(site, qlog::info);
+  }
+  return createFailed(site, form.level, form.notExist, error);
+}
+
+}  // namespace
+
+HTAGLIST ZelVarlok::CreateTagsHandleAnsi(const char** names, unsigned int count, unsigned int& error) {
+  ZelVarlok_p* p = m_ZelVarlokPrivate;
+  return createAnsi(kCreateAnsi, p, kCreateWarn, error, [&]() -> HTAGLIST {
     if (!p->IsVarlokClientExist()) {
       VLOG(err, kCreateAnsi, "!m_ZelVarlokPrivate->IsVarlokClientExist");
       error = ERR_NOT_CONNECTED;
@@ -447,25 +469,12 @@ HTAGLIST ZelVarlok::CreateTagsHandleAnsi(const char** names, unsigned int count,
       list.emplace_back(names[i]);
     }
     return registerHandle(p, p->m_pVarlok->CreateTagsHandle(list, 100, error));
-  } catch (const std::exception& e) {
-    logException(kCreateAnsi, qlog::info, e);
-  } catch (...) {
-    logUnknownException(kCreateAnsi, qlog::info);
-  }
-  return createFailed(kCreateAnsi, qlog::warn, kNotExistWarn, error);
+  });
 }
 
 HTAGLIST ZelVarlok::CreateTagsHandleAnsi(const char* name, unsigned int& error) {
-  error = 0;
   ZelVarlok_p* p = m_ZelVarlokPrivate;
-  if (p == nullptr) {
-    VLOG(err, kCreateAnsi, "m_ZelVarlokPrivate==nullptr");
-    error = ERR_COMMUNICATION_NOT_INITIALIZED;
-    return nullptr;
-  }
-  try {
-    Lock lock(g_comMutex);
-    if (!p->IsVarlokExist()) return createFailed(kCreateAnsi, qlog::warn, kNotExistWarn, error);
+  return createAnsi(kCreateAnsi, p, kCreateWarn, error, [&]() -> HTAGLIST {
     if (!p->m_pVarlok) {
       VLOG(err, kCreateAnsi, "m_ZelVarlokPrivate->m_pVarlok==nullptr");
       error = ERR_COMMUNICATION_NOT_INITIALIZED;
@@ -476,52 +485,19 @@ HTAGLIST ZelVarlok::CreateTagsHandleAnsi(const char* name, unsigned int& error) 
       return createFailed(kCreateAnsi, qlog::warn, kNotExistWarn, error);
     }
     return registerHandle(p, p->m_pVarlok->CreateTagsHandle(std::string(name), 100, error));
-  } catch (const std::exception& e) {
-    logException(kCreateAnsi, qlog::info, e);
-  } catch (...) {
-    logUnknownException(kCreateAnsi, qlog::info);
-  }
-  return createFailed(kCreateAnsi, qlog::warn, kNotExistWarn, error);
+  });
 }
 
 HTAGLIST ZelVarlok::CreateTagsHandleAnsi(std::string name, unsigned int& error) {
-  error = 0;
   ZelVarlok_p* p = m_ZelVarlokPrivate;
-  if (p == nullptr) {
-    VLOG(err, kCreateAnsi, "m_ZelVarlokPrivate==nullptr");
-    error = ERR_COMMUNICATION_NOT_INITIALIZED;
-    return nullptr;
-  }
-  try {
-    Lock lock(g_comMutex);
-    if (!p->IsVarlokExist()) return createFailed(kCreateAnsi, qlog::err, kNotExistErr, error);
-    return registerHandle(p, p->m_pVarlok->CreateTagsHandle(name, 100, error));
-  } catch (const std::exception& e) {
-    logException(kCreateAnsi, qlog::info, e);
-  } catch (...) {
-    logUnknownException(kCreateAnsi, qlog::info);
-  }
-  return createFailed(kCreateAnsi, qlog::err, kNotExistErr, error);
+  return createAnsi(kCreateAnsi, p, kCreateErr, error,
+                    [&] { return registerHandle(p, p->m_pVarlok->CreateTagsHandle(name, 100, error)); });
 }
 
 HTAGLIST ZelVarlok::CreateTagsHandleAnsi(std::vector<std::string> names, unsigned int& error) {
-  error = 0;
   ZelVarlok_p* p = m_ZelVarlokPrivate;
-  if (p == nullptr) {
-    VLOG(err, kCreateAnsi, "m_ZelVarlokPrivate==nullptr");
-    error = ERR_COMMUNICATION_NOT_INITIALIZED;
-    return nullptr;
-  }
-  try {
-    Lock lock(g_comMutex);
-    if (!p->IsVarlokExist()) return createFailed(kCreateAnsi, qlog::warn, kNotExistWarn, error);
-    return registerHandle(p, p->m_pVarlok->CreateTagsHandle(names, 100, error));
-  } catch (const std::exception& e) {
-    logException(kCreateAnsi, qlog::info, e);
-  } catch (...) {
-    logUnknownException(kCreateAnsi, qlog::info);
-  }
-  return createFailed(kCreateAnsi, qlog::warn, kNotExistWarn, error);
+  return createAnsi(kCreateAnsi, p, kCreateWarn, error,
+                    [&] { return registerHandle(p, p->m_pVarlok->CreateTagsHandle(names, 100, error)); });
 }
 
 // The wrappers only convert the names; they hold no lock.
