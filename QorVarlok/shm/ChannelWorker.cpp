@@ -1,6 +1,9 @@
 #include "ChannelWorker.h"
 
 #include <sched.h>
+#include <unistd.h>
+
+#include <new>
 
 #include <chrono>
 
@@ -41,6 +44,7 @@ int64_t NowNs() {
 }  // namespace
 
 ChannelWorker::~ChannelWorker() {
+  if (Inherited()) ForgetInheritedThread();
   if (!m_thread.joinable()) return;
   // A command in flight has been joined by its caller already: only one
   // ever runs, and Async does not return before it has ended.
@@ -52,10 +56,12 @@ bool ChannelWorker::Post(Body body, void* context) {
   m_body = body;
   m_context = context;
   m_failure = nullptr;
+  if (Inherited()) ForgetInheritedThread();
   if (!m_thread.joinable()) {
     try {
       m_state.store(kPosted, std::memory_order_release);
       m_thread = std::thread([this] { Loop(); });
+      m_ownerPid = getpid();
       ++m_starts;
       return true;
     } catch (const std::exception&) {
@@ -81,6 +87,20 @@ uint32_t ChannelWorker::Join() {
     std::rethrow_exception(failure);
   }
   return m_result;
+}
+
+bool ChannelWorker::Inherited() const { return m_thread.joinable() && m_ownerPid != getpid(); }
+
+void ChannelWorker::ForgetInheritedThread() {
+  // The objects are made anew over the old ones: destroying a joinable
+  // std::thread ends the program, and the fork may have caught the mutex held.
+  new (&m_thread) std::thread();
+  new (&m_mutex) std::mutex();
+  new (&m_workerCv) std::condition_variable();
+  new (&m_callerCv) std::condition_variable();
+  m_workerSleeping.store(false);
+  m_callerSleeping.store(false);
+  m_state.store(kIdle);
 }
 
 void ChannelWorker::Loop() {

@@ -11,6 +11,10 @@
 //
 // Only one command is in flight at a time: the channel's named mutex, held by
 // the caller from Post to Join, sees to that.
+//
+// A child of fork inherits the object but not its thread: the first Post in
+// the child forgets the parent's thread and starts its own, and the child's
+// destructor leaves the parent's alone.
 #pragma once
 
 #include <atomic>
@@ -48,6 +52,10 @@ class ChannelWorker {
   enum State : uint32_t { kIdle, kPosted, kDone, kStop };
 
   void Loop();
+  // In a child of fork: drops the parent's thread and whatever state the fork
+  // caught it in, without joining a thread that does not exist here.
+  void ForgetInheritedThread();
+  bool Inherited() const;
   // Spins, then sleeps, until m_state is `wanted` (or kStop for the thread);
   // false when the deadline (null: none) passed first.
   bool Await(State wanted, std::atomic<bool>& sleeping, std::condition_variable& cv,
@@ -66,6 +74,7 @@ class ChannelWorker {
   std::atomic<bool> m_workerSleeping{false};
   std::atomic<bool> m_callerSleeping{false};
   std::thread m_thread;
+  int m_ownerPid = 0;  // the process m_thread runs in
   uint32_t m_starts = 0;
 };
 

@@ -2,7 +2,9 @@
 // results and exceptions handed back, a command that outlives its limit still
 // joined, and an idle thread that sleeps. Also run under ThreadSanitizer.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -98,6 +100,40 @@ TEST(ChannelWorker, IdleThreadSleepsAndStopsWithItsWorker) {
   // A thread that kept spinning would have used about 300 ms.
   EXPECT_LT(ProcessCpuMs() - before, 15.0);
   worker.reset();  // joins the sleeping thread
+}
+
+// A process forked after commands ran has the worker but not its thread: its
+// commands still run (on a thread of its own), and its worker goes without
+// waiting for the parent's thread. The child reports through its exit code.
+TEST(ChannelWorker, ForkedChildRunsItsOwnCommandsAndLeavesTheParentsThreadAlone) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "ThreadSanitizer ends a child of a threaded fork that starts a thread";
+#endif
+  ChannelWorker worker;
+  Job job;
+  job.input = 2;
+  ASSERT_TRUE(worker.Post(&Body, &job));
+  ASSERT_TRUE(worker.WaitFor(5000));
+  ASSERT_EQ(6u, worker.Join());
+  const pid_t child = fork();
+  ASSERT_NE(-1, child);
+  if (child == 0) {
+    alarm(20);  // a hang ends the child by signal, never as a pass
+    Job mine;
+    mine.input = 5;
+    const bool ran = worker.Post(&Body, &mine) && worker.WaitFor(5000) && worker.Join() == 15u &&
+                     mine.ranOn != std::this_thread::get_id() && worker.Starts() == 2u;
+    worker.~ChannelWorker();
+    _exit(ran ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  job.input = 3;  // the parent's thread is untouched by the child
+  ASSERT_TRUE(worker.Post(&Body, &job));
+  ASSERT_TRUE(worker.WaitFor(5000));
+  EXPECT_EQ(9u, worker.Join());
+  EXPECT_EQ(1u, worker.Starts());
 }
 
 }  // namespace
