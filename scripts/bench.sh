@@ -21,6 +21,9 @@ bash "$ROOT/scripts/install-deps.sh" --bench
 cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQORVARLOK_BUILD_BENCH=ON \
   -DQORVARLOK_SANITIZE=OFF -DQORVARLOK_TSAN=OFF >/dev/null
 cmake --build "$BUILD" -j"$JOBS" --target varlok-sim bench_shm bench_symbols bench_tags bench_tcp bench_tcp_load
+# The Python module's benchmark, where the build has the module.
+PYBENCH="$BUILD/bench/python/bench_python.sh"
+cmake --build "$BUILD" -j"$JOBS" --target bench_python_cppread 2>/dev/null || PYBENCH=""
 
 rm -rf "$RESULTS"
 mkdir -p "$RESULTS"
@@ -43,8 +46,13 @@ gbench() {  # name, program, benchmark arguments
 gbench symbols "$BUILD/bench/symbols/bench_symbols"
 gbench tags "$BUILD/bench/tags/bench_tags"
 gbench shm "$BUILD/bench/shm/bench_shm"
+# The hand-off with both ends (client and varlok-sim, which inherits the
+# affinity) on one processor, against the run above on two.
+gbench shm_onecpu taskset -c 0 "$BUILD/bench/shm/bench_shm" \
+  --benchmark_filter='BM_BareSlotRoundTrip|BM_ClearDataSwapArea|BM_ReadTagList/(1|1000)$|BM_WriteTagList/(1|1000)$'
 run tcp "$BUILD/bench/tcp/bench_tcp" --csv "$RESULTS/tcp.csv"
 run tcp_load "$BUILD/bench/tcp/bench_tcp_load" --clients 64 --seconds 10
+if [ -n "$PYBENCH" ]; then run python sh "$PYBENCH"; else echo "no Python module in this build" >"$RESULTS/python.txt"; fi
 
 cat /proc/loadavg >"$RESULTS/load_after"
 python3 "$ROOT/scripts/bench_page.py" "$RESULTS" "$ROOT/docs"

@@ -79,6 +79,18 @@ for n in (1, 10000):
     row(f"shm: text WriteTagList of {n} tags", b["median_us"], floor_us, target,
         n != 10000 or b["median_us"] <= 200, b.get("cpu_us"), "us")
 
+# The same hand-offs with both ends on one processor.
+onecpu_rows = []
+onecpu = gbench("shm_onecpu")
+for pattern, label in (("BM_BareSlotRoundTrip", "bare slot round trip"),
+                       ("BM_ReadTagList/1", "ReadTagList of 1 DInt"),
+                       ("BM_ReadTagList/1000", "ReadTagList of 1000 DInt"),
+                       ("BM_WriteTagList/1", "raw WriteTagList of 1 DInt"),
+                       ("BM_WriteTagList/1000", "raw WriteTagList of 1000 DInt")):
+    one, two = find(onecpu, pattern), find(shm, pattern)
+    if one and two:
+        onecpu_rows.append(f"| {label} | {two['median_us']:.1f} us | {one['median_us']:.1f} us |")
+
 # ------------------------------------------------------------------------ TCP
 tcp = {}
 with open(os.path.join(results, "tcp.csv")) as f:
@@ -172,6 +184,21 @@ lines += [
     "## Round trip against tag count",
     "",
     "![Round trip against tag count](benchmarks.png)",
+    "",
+    "## Shared memory: both ends on two processors and on one",
+    "",
+    "The client and varlok-sim run free on the machine's processors above; here `taskset -c 0` puts",
+    "both (and every thread of both) on one. Medians.",
+    "",
+    "| Figure | Two processors | One processor |",
+    "|---|---|---|",
+] + onecpu_rows + [
+    "",
+    "## Python module (TagList.read against the C++ call it makes)",
+    "",
+    "```",
+    read("python.txt"),
+    "```",
     "",
     "## TCP load test (64 clients, 10 s)",
     "",
