@@ -8,6 +8,8 @@
 //   EXPECT_TRUE(log.WaitFor(spdlog::level::err, "handle is invalid", "ZelVarlok::ReadTagList"));
 #pragma once
 
+#include <spdlog/async.h>
+#include <spdlog/async_logger.h>
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
 
@@ -106,10 +108,27 @@ class CaptureSink : public spdlog::sinks::base_sink<std::mutex> {
   std::vector<LogRecord> m_records;
 };
 
+// The capture joins the library's sinks in a new logger on the same thread
+// pool: adding it to the running logger's sink list would reallocate that
+// list under the logging thread, which may be walking it for a line in
+// flight. The old logger is kept, since lines in flight still name it.
 inline CaptureSink& Log() {
+  static std::shared_ptr<spdlog::logger> previous;
   static std::shared_ptr<CaptureSink> sink = [] {
     auto s = std::make_shared<CaptureSink>();
-    spdlog::default_logger()->sinks().push_back(s);
+    previous = spdlog::default_logger();
+    std::vector<spdlog::sink_ptr> sinks = previous->sinks();
+    sinks.push_back(s);
+    std::shared_ptr<spdlog::logger> next;
+    if (auto pool = spdlog::thread_pool(); pool && std::dynamic_pointer_cast<spdlog::async_logger>(previous)) {
+      next = std::make_shared<spdlog::async_logger>(previous->name(), sinks.begin(), sinks.end(), pool,
+                                                    spdlog::async_overflow_policy::block);
+    } else {
+      next = std::make_shared<spdlog::logger>(previous->name(), sinks.begin(), sinks.end());
+    }
+    next->set_level(previous->level());
+    next->flush_on(previous->flush_level());
+    spdlog::set_default_logger(next);
     return s;
   }();
   return *sink;
