@@ -144,12 +144,12 @@ void ClearBuffer(qorvarlok::tags::TagsList& list) {
 void ShareMemCom::FillRecords(TagsList& list, tagTagVarValue* records, size_t count) {
   uint32_t offset = 0;
   for (size_t i = 0; i < count; ++i) {
-    const TagNode* node = list.nodeArray[i];
-    records[i].FullName = node->FullName;
-    records[i].Type = node->Type;
-    records[i].ValueLength = node->Size;
+    const TagsList::Shape& tag = list.m_shapes[i];
+    records[i].FullName = tag.FullName;
+    records[i].Type = tag.Type;
+    records[i].ValueLength = tag.Size;
     records[i].Value = list.valueBuffer + offset;
-    offset += static_cast<uint32_t>(node->Size);
+    offset += static_cast<uint32_t>(tag.Size);
   }
 }
 
@@ -296,14 +296,14 @@ unsigned int ShareMemCom::WriteTag(void* handle, std::vector<std::string>& value
   }
   ClearBuffer(*list);
   unsigned char* position = list->valueBuffer;
-  for (size_t i = 0; i < list->nodeArray.size(); ++i) {
-    const TagNode* node = list->nodeArray[i];
-    int size = node->Size;
-    if (serializeString(values[i], node->Type, position, size) != 0) {
+  for (size_t i = 0; i < list->m_shapes.size(); ++i) {
+    const TagsList::Shape& tag = list->m_shapes[i];
+    int size = tag.Size;
+    if (serializeString(values[i], tag.Type, position, size) != 0) {
       VLOGU(err, kFunc, "serializeString, tagNodeValue, %s", values[i]);
       return ERR_WRITE_FAILED;
     }
-    position += node->Size;
+    position += tag.Size;
   }
   rwCmd cmd = MakeRwCmd(*list, qorvarlok::shm::kRwWrite, list->length, list->totalBytes);
   r = SendRwGuarded(cmd);

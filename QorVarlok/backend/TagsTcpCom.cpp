@@ -221,12 +221,12 @@ unsigned int TagsTcpCom::WriteTag(void* handle, std::vector<std::string>& values
   }
   std::vector<unsigned char> image(list->totalBytes, 0);
   size_t position = 0;
-  for (size_t i = 0; i < list->nodeArray.size() && i < values.size(); ++i) {
-    const TagNode* node = list->nodeArray[i];
-    int size = node->Size;
+  for (size_t i = 0; i < list->m_shapes.size() && i < values.size(); ++i) {
+    const TagsList::Shape& tag = list->m_shapes[i];
+    int size = tag.Size;
     // A value that does not convert stays zero and the write goes on.
-    serializeString(values[i], node->Type, image.data() + position, size);
-    position += static_cast<size_t>(std::max(node->Size, 0));
+    serializeString(values[i], tag.Type, image.data() + position, size);
+    position += static_cast<size_t>(std::max(tag.Size, 0));
   }
   void* data = image.data();
   return TagAccess().WriteTagListValue(handle, &data);

@@ -25,6 +25,15 @@ class TagsList {
   int32_t handle = 0;        // controller's handle number (shm) or -1 (TCP)
   int32_t kind = 32767;
   std::vector<TagNode*> nodeArray;  // nodes belong to the manager's table
+  // What the cyclic operations read of each tag, side by side and in list
+  // order: the nodes lie scattered over the heap, and touching 10 000 of
+  // them costs a cache miss each. Filled with nodeArray, never apart from it.
+  struct Shape {
+    const char* FullName;
+    int Type;
+    int Size;
+  };
+  std::vector<Shape> m_shapes;
   std::vector<uint32_t> offsets;    // shm: byte offset of each tag; the entry vector
   TagsList* prev = this;
   TagsList* next = this;

@@ -35,6 +35,7 @@ bool TagsManager::appendNode(TagsList& list, const std::string& name, bool withO
     failed.push_back(name);
     return false;
   }
+  list.m_shapes.push_back({node->FullName, node->Type, node->Size});
   list.nodeArray.push_back(node);
   ++list.length;
   if (withOffsets) list.offsets.push_back(list.totalBytes);
@@ -48,6 +49,7 @@ TagsList* TagsManager::buildTagsList(const std::vector<std::string>& names, void
   auto list = std::make_unique<TagsList>();
   if (!shm) list->handle = -1;
   list->nodeArray.reserve(names.size());
+  list->m_shapes.reserve(names.size());
   if (shm) list->offsets.reserve(names.size());
   for (const std::string& name : names) {
     if (!appendNode(*list, name, shm, failed)) return nullptr;  // later names aren't looked at
