@@ -1,7 +1,7 @@
 # Written by scripts/bench_page.py; run from the repository's root.
 set terminal pngcairo size 900,560 font ",11"
 set output "docs/benchmarks.png"
-set title "ReadTagList round trip, median (2026-11-23 19:02 UTC, load 8.76 8.79 9.06)"
+set title "ReadTagList round trip, median (2026-11-23 22:17 UTC, load 1.00 1.04 1.76)"
 set xlabel "DInt tags in the list"
 set ylabel "microseconds"
 set logscale xy

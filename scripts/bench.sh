@@ -48,8 +48,8 @@ gbench tags "$BUILD/bench/tags/bench_tags"
 gbench shm "$BUILD/bench/shm/bench_shm"
 # The hand-off with both ends (client and varlok-sim, which inherits the
 # affinity) on one processor, against the run above on two.
-gbench shm_onecpu taskset -c 0 "$BUILD/bench/shm/bench_shm" \
-  --benchmark_filter='BM_BareSlotRoundTrip|BM_ClearDataSwapArea|BM_ReadTagList/(1|1000)$|BM_WriteTagList/(1|1000)$'
+run shm_onecpu taskset -c 0 "$BUILD/bench/shm/bench_shm" --benchmark_out="$RESULTS/shm_onecpu.json" \
+  --benchmark_out_format=json --benchmark_filter='BM_BareSlotRoundTrip|BM_ClearDataSwapArea|BM_ReadTagList/(1|1000)/|BM_WriteTagList/(1|1000)/'
 run tcp "$BUILD/bench/tcp/bench_tcp" --csv "$RESULTS/tcp.csv"
 run tcp_load "$BUILD/bench/tcp/bench_tcp_load" --clients 64 --seconds 10
 if [ -n "$PYBENCH" ]; then run python sh "$PYBENCH"; else echo "no Python module in this build" >"$RESULTS/python.txt"; fi
