@@ -17,9 +17,15 @@ add_library(QorVarlok SHARED ${CMAKE_SOURCE_DIR}/cmake/empty.cpp)
 add_library(QorVarlok::QorVarlok ALIAS QorVarlok)
 target_link_libraries(QorVarlok PRIVATE qv_internal)
 target_link_libraries(QorVarlok PUBLIC qv_api)
-# Export exactly the interface; everything else stays local.
-target_link_options(QorVarlok PRIVATE
-  -Wl,--version-script=${CMAKE_SOURCE_DIR}/QorVarlok/exports.map ${QORVARLOK_NO_UNDEFINED})
-set_target_properties(QorVarlok PROPERTIES
-  VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
-  LINK_DEPENDS ${CMAKE_SOURCE_DIR}/QorVarlok/exports.map)
+if(WIN32)
+  # QorVarlok.dll with its import library QorVarlok.lib. What it exports is
+  # what the sources mark __declspec(dllexport): the interface alone.
+  set_target_properties(QorVarlok PROPERTIES PREFIX "" IMPORT_PREFIX "" IMPORT_SUFFIX ".lib")
+else()
+  # Export exactly the interface; everything else stays local.
+  target_link_options(QorVarlok PRIVATE
+    -Wl,--version-script=${CMAKE_SOURCE_DIR}/QorVarlok/exports.map ${QORVARLOK_NO_UNDEFINED})
+  set_target_properties(QorVarlok PROPERTIES
+    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+    LINK_DEPENDS ${CMAKE_SOURCE_DIR}/QorVarlok/exports.map)
+endif()

@@ -11,6 +11,9 @@ namespace qorvarlok::controller {
 
 namespace {
 
+// M_PI is POSIX, not standard C++.
+constexpr double kPi = 3.14159265358979323846;
+
 const Location* Find(ProcessImage& image, const char* name, int typeClass, Location& slot) {
   const ResolveResult r = image.Resolve(name, slot);
   if (r != ResolveResult::Ok) {
@@ -56,7 +59,7 @@ void DemoTask::Step(uint64_t cycle) {
     std::memcpy(image + m_counter->offset, &value, sizeof value);
   }
   if (m_sine != nullptr) {
-    const double value = 100.0 * std::sin(2.0 * M_PI * seconds / 10.0);
+    const double value = 100.0 * std::sin(2.0 * kPi * seconds / 10.0);
     std::memcpy(image + m_sine->offset, &value, sizeof value);
   }
   if (m_toggle != nullptr) image[m_toggle->offset] = static_cast<uint8_t>(static_cast<uint64_t>(seconds) % 2);

@@ -1,4 +1,4 @@
-// Path of the running executable (the stand-in for GetModuleFileNameA).
+// Path of the running executable (GetModuleFileNameA on Windows).
 #pragma once
 
 #include <string>
@@ -7,5 +7,7 @@ namespace qorvarlok::platform {
 
 // Absolute path of the running executable, empty if it cannot be read.
 std::string executablePath();
+// The separator of the directories in that path: '\\' on Windows, '/' elsewhere.
+char executablePathSeparator();
 
 }  // namespace qorvarlok::platform

@@ -4,7 +4,9 @@
    which gives non-zero while the partition's controller runs.
 
    Object names carry the partition name, which only this library knows
-   (environment variable VARLOK_PARTITION, default "varlok"). Handles and
+   (environment variable VARLOK_PARTITION, default "varlok"). On Windows the
+   vendor's RtosLib64.dll exports the eight by ordinal only (50, 54, 59, 60,
+   73, 82, 101, 102); ours exports them by the same ordinals. Handles and
    mappings are never given back: there is no call for it. */
 #ifndef QORVARLOK_RTOSLIB64_H
 #define QORVARLOK_RTOSLIB64_H
@@ -16,7 +18,12 @@
 extern "C" {
 #endif
 
+#if defined(_WIN32)
+/* Exported by RtosLib64.def, the eight calls by the vendor's ordinals. */
+#define RTOS_API
+#else
 #define RTOS_API __attribute__((visibility("default")))
+#endif
 
 /* Result of RtosWaitEvent when the timeout ran out. */
 #define RTE_ERROR_TIMEOUT 4203u

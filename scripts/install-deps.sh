@@ -6,7 +6,23 @@
 # else does (gnuplot draws the plot, python3 writes the page), so the test
 # command does not install them.
 # Needs root, or sudo, only when something is missing.
+#
+#   install-deps.sh            what the demo and the Linux build need
+#   install-deps.sh --bench    also what scripts/bench.sh needs
+#   install-deps.sh --windows  also the Windows cross build and Wine, and a
+#                              deb-src entry so that scripts/windows-deps.sh
+#                              can fetch Debian's sources of the libraries
 set -euo pipefail
+
+WINDOWS=0
+BENCH=0
+for arg in "$@"; do
+  case "$arg" in
+    --windows) WINDOWS=1 ;;
+    --bench) BENCH=1 ;;
+    *) echo "install-deps: unknown argument '$arg'" >&2; exit 2 ;;
+  esac
+done
 
 PACKAGES=(
   build-essential cmake pkg-config
@@ -18,7 +34,15 @@ PACKAGES=(
   swig mono-mcs mono-runtime
   python3-dev python3-pytest
 )
-if [ "${1:-}" = "--bench" ]; then
+# The Windows stage of the suite: MinGW-w64 (posix threads, for std::thread
+# and std::mutex), Wine to run what it builds, dpkg-dev for apt-get source.
+WINDOWS_PACKAGES=(
+  g++-mingw-w64-x86-64-posix wine wine64 dpkg-dev
+)
+if [ "$WINDOWS" -eq 1 ]; then
+  PACKAGES+=("${WINDOWS_PACKAGES[@]}")
+fi
+if [ "$BENCH" -eq 1 ]; then
   PACKAGES+=(gnuplot-nox python3)
 fi
 
@@ -33,6 +57,18 @@ as_root() {
   fi
 }
 
+# apt-get source needs a deb-src entry for the archive the binaries come
+# from; made once from the machine's own deb entries.
+SOURCES_LIST=/etc/apt/sources.list.d/debian.sources
+SOURCES_SRC=/etc/apt/sources.list.d/qorvarlok-deb-src.sources
+need_update=0
+if [ "$WINDOWS" -eq 1 ] && [ -f "$SOURCES_LIST" ] && [ ! -f "$SOURCES_SRC" ] &&
+   ! grep -qs '^Types:.*deb-src' "$SOURCES_LIST"; then
+  echo "install-deps: adding deb-src entries ($SOURCES_SRC)"
+  sed 's/^Types: deb$/Types: deb-src/' "$SOURCES_LIST" | as_root tee "$SOURCES_SRC" >/dev/null
+  need_update=1
+fi
+
 missing=()
 for p in "${PACKAGES[@]}"; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
@@ -40,9 +76,11 @@ for p in "${PACKAGES[@]}"; do
   fi
 done
 
+if [ "${#missing[@]}" -gt 0 ] || [ "$need_update" -eq 1 ]; then
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get update -q
+fi
 if [ "${#missing[@]}" -gt 0 ]; then
   echo "install-deps: installing ${missing[*]}"
-  as_root env DEBIAN_FRONTEND=noninteractive apt-get update -q
   as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends "${missing[@]}" </dev/null
 fi
 

@@ -52,7 +52,7 @@ std::string executablePart(const std::string& exePath) {
   // From the last separator (kept) up to the last dot. A dot that stands
   // before the separator gives a length that wraps, and the substring then
   // takes the rest of the path.
-  const size_t slash = exePath.rfind('/');
+  const size_t slash = exePath.rfind(platform::executablePathSeparator());
   const size_t dot = exePath.rfind('.');
   const size_t start = slash == std::string::npos ? 0 : slash;
   return exePath.substr(start, dot - start);

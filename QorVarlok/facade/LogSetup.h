@@ -5,7 +5,8 @@
 
 namespace qorvarlok::log {
 
-// "/client" for "/opt/app/client.bin": from the last separator up to the last dot.
+// "/client" for "/opt/app/client.bin" ("\\client" for "C:\\app\\client.exe"): from the
+// system's last path separator up to the last dot.
 std::string executablePart(const std::string& exePath);
 // "./varloklogs/" + executable part + "/Varlok.log", relative to the current directory.
 std::string logFilePath(const std::string& exePath);

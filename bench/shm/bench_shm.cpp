@@ -34,7 +34,7 @@
 #include "RtosHost.h"
 #include "RtosLib64.h"
 #include "ShmProject.h"
-#include "SimProcess.h"
+#include "PosixSimProcess.h"
 
 namespace {
 

@@ -20,7 +20,7 @@
 
 #include "QorVarlok/ZelVarlok.h"
 #include "ShmProject.h"
-#include "SimProcess.h"
+#include "PosixSimProcess.h"
 
 namespace {
 

@@ -81,8 +81,11 @@ class RtosHost {
   void Wake(Channel channel);
 
   // Fault injection: cuts every area to 0 bytes, so clients' accesses fault.
-  // False if a truncation failed.
+  // False if a truncation failed, and always where CanCutAreas is false.
   bool TruncateAreas();
+  // Whether this system can cut an area under a client's mapping (not on
+  // Windows, where a view keeps its pages for as long as it is mapped).
+  static bool CanCutAreas();
 
  private:
   struct Impl;

@@ -1,19 +1,17 @@
 // The varlok tool as a separate process: exit codes and the exact bytes it
 // prints, offline on symbol files and live against a simulated controller.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "TestSystem.h"
 
 namespace {
 
@@ -32,11 +30,13 @@ std::string readFile(const std::string& path) {
 class Cli : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/varlok-cli-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    m_dir = pattern;
+    m_dir = testsys::MakeTempDir("varlok-cli-");
+    ASSERT_FALSE(m_dir.empty());
   }
-  void TearDown() override { if (!m_dir.empty()) std::system(("rm -rf '" + m_dir + "'").c_str()); }
+  void TearDown() override {
+    std::error_code ignored;
+    if (!m_dir.empty()) std::filesystem::remove_all(m_dir, ignored);
+  }
 
   std::string path(const std::string& name) const { return m_dir + "/" + name; }
 
@@ -48,38 +48,27 @@ class Cli : public ::testing::Test {
   // Runs exe (varlok unless named) with the arguments in the test's
   // directory, within addressSpace bytes if given; a run that outlives 10 s
   // is killed and fails the test instead of hanging it.
-  Result run(const std::vector<std::string>& args, const char* exe = VARLOK_EXE, rlim_t addressSpace = 0) const {
+  Result run(const std::vector<std::string>& args, const char* exe = VARLOK_EXE, size_t addressSpace = 0) const {
     Result r;
     const std::string outPath = path(".stdout"), errPath = path(".stderr");
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-      if (::chdir(m_dir.c_str()) != 0) ::_exit(126);
-      for (int fd : {1, 2}) {
-        const int to = ::open((fd == 1 ? outPath : errPath).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (to < 0 || ::dup2(to, fd) < 0) ::_exit(126);
-      }
-      ::setenv("LC_ALL", "C.UTF-8", 1);
-      const rlimit limit{addressSpace, addressSpace};
-      if (addressSpace != 0 && ::setrlimit(RLIMIT_AS, &limit) != 0) ::_exit(126);
-      std::vector<char*> argv{const_cast<char*>(exe)};
-      for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-      argv.push_back(nullptr);
-      ::execv(exe, argv.data());
-      ::_exit(127);
+    testsys::ChildOptions options;
+    options.workDir = m_dir;
+    options.stdoutPath = outPath;
+    options.stderrPath = errPath;
+    options.env = {{"LC_ALL", "C.UTF-8"}};
+    options.addressSpace = addressSpace;
+    testsys::Child child;
+    if (!child.Start(exe, args, options)) {
+      ADD_FAILURE() << "cannot start " << exe;
+      return r;
     }
-    int status = 0;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (::waitpid(pid, &status, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > deadline) {
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, &status, 0);
-        ADD_FAILURE() << "varlok did not end within 10 s";
-        return r;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    r.exitCode = child.Wait(10000);
+    if (r.exitCode == -1) {
+      child.Kill();
+      ADD_FAILURE() << "varlok did not end within 10 s";
+      return r;
     }
-    r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    r.out = readFile(outPath), r.err = readFile(errPath);
+    r.out = testsys::ProgramText(readFile(outPath)), r.err = testsys::ProgramText(readFile(errPath));
     return r;
   }
 
@@ -176,6 +165,7 @@ TEST_F(Cli, FlatListingOutOfMemoryTellsItsFailureInUtf8) {
 #if defined(__SANITIZE_ADDRESS__)
   GTEST_SKIP() << "AddressSanitizer cannot run within an address-space limit";
 #endif
+  if (!testsys::CanLimitAddressSpace()) GTEST_SKIP() << "no address-space limit for a child here";
   std::string types = "<TypeSimple name=\"T0\" size=\"4\" iecname=\"DINT\" typeclass=\"DInt\"/>";
   for (int i = 1; i <= 21; ++i)  // 2^22 tags, within the bound, not within 300 MB
     types += "<TypeUserDef name=\"T" + std::to_string(i) + "\" size=\"4\" iecname=\"S\" typeclass=\"Userdef\" "
@@ -185,7 +175,7 @@ TEST_F(Cli, FlatListingOutOfMemoryTellsItsFailureInUtf8) {
                                               "</TypeList><NodeList><Node name=\"App\"><Node name=\"GVL\"><Node "
                                               "name=\"v\" type=\"T21\" access=\"Read\"/></Node></Node></NodeList>"
                                               "</Symbolconfiguration>");
-  const Result r = run({"browse", "--flat", big}, VARLOK_EXE, rlim_t{300} << 20);
+  const Result r = run({"browse", "--flat", big}, VARLOK_EXE, size_t{300} << 20);
   EXPECT_EQ(r.exitCode, 1);
   // The library's catch-all code, described by the mask rule as a line error: 符号配置文件行错误(-301989890 行)
   EXPECT_EQ(r.err, "varlok browse: flat list: 0xFFFFFFFE \xE7\xAC\xA6\xE5\x8F\xB7\xE9\x85\x8D\xE7\xBD\xAE\xE6\x96\x87"
@@ -215,27 +205,17 @@ class LiveCli : public Cli {
  protected:
   void SetUp() override {
     Cli::SetUp();
-    m_partition = "varlok-cli-" + std::to_string(::getpid());
-    int fds[2];
-    ASSERT_EQ(::pipe(fds), 0);
-    m_sim = ::fork();
-    if (m_sim == 0) {
-      ::close(fds[0]);
-      const std::string fd = std::to_string(fds[1]);
-      ::execl(VARLOK_SIM_EXE, VARLOK_SIM_EXE, "--symbols", DEMO_XML, "--partition", m_partition.c_str(), "--tcp", "0",
-              "--ready-fd", fd.c_str(), "--log-level", "warn", static_cast<char*>(nullptr));
-      ::_exit(127);
-    }
-    ::close(fds[1]);
-    char ready[64] = {0};  // "tcp 127.0.0.1:PORT\nready\n", in one write
-    const bool served = ::read(fds[0], ready, sizeof(ready) - 1) > 0;  // closed without a word if it failed
-    ::close(fds[0]);
-    ASSERT_TRUE(served) << "varlok-sim did not start";
-    const std::string text = ready;
+    m_partition = "varlok-cli-" + std::to_string(testsys::ProcessId());
+    testsys::ChildOptions options;
+    options.readyPipe = true;
+    ASSERT_TRUE(m_sim.Start(VARLOK_SIM_EXE, {"--symbols", DEMO_XML, "--partition", m_partition, "--tcp", "0",
+                                             "--log-level", "warn"}, options));
+    const std::string text = m_sim.WaitReady(10000);  // "tcp 127.0.0.1:PORT\nready\n"
+    ASSERT_NE(text.find("ready\n"), std::string::npos) << "varlok-sim did not start";  // closed without a word if it failed
     m_host = text.substr(4, text.find('\n') - 4);
   }
   void TearDown() override {
-    if (m_sim > 0 && ::kill(m_sim, SIGTERM) == 0) ::waitpid(m_sim, nullptr, 0);
+    EXPECT_EQ(m_sim.Stop(), 0) << "varlok-sim did not stop cleanly";
     Cli::TearDown();
   }
   Result live(const char* command, std::vector<std::string> words) const {
@@ -244,7 +224,7 @@ class LiveCli : public Cli {
   }
 
   std::string m_partition, m_host;
-  pid_t m_sim = -1;
+  testsys::Child m_sim;
 };
 
 TEST_F(LiveCli, OverTcpWithHostTheSameImageAndHelpOfBothTools) {

@@ -6,7 +6,6 @@
 //   mix {a Bool; b LReal; c Int; s String(20)} 200 (40).
 #pragma once
 
-#include <sys/mman.h>
 
 #include <chrono>
 #include <cstdint>
@@ -16,6 +15,7 @@
 #include <vector>
 
 #include "RtosLib64.h"
+#include "TestSystem.h"
 #include "SlotFormat.h"
 #include "SymbolModel.h"
 
@@ -140,7 +140,10 @@ class MiniClient {
     }
     return 0;
   }
-  ~MiniClient() { for (int c = 0; c < 3; ++c) area[c] != nullptr && munmap(area[c], size[c]); }
+  ~MiniClient() {
+    for (int c = 0; c < 3; ++c)
+      if (area[c] != nullptr) testsys::UnmapArea(area[c], size[c]);
+  }
   // RtosWaitEvent's result; on 0 also waits (bounded) for Flag to leave the request's value.
   uint32_t Exchange(int channel, uint32_t timeoutMs = 2000) {
     const uint32_t noted = FlagOf(channel);

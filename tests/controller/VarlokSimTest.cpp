@@ -1,16 +1,15 @@
 // varlok-sim as a process on the demo project, met by a minimal client: every
 // injected fault, clean stop, a second controller refused, kill -9 recovered.
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
+#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <thread>
 
+#include "RtosHost.h"
 #include "TestProject.h"
+#include "TestSystem.h"
 
 #ifdef VARLOK_SIM_PATH
 using namespace ctltest;
@@ -22,61 +21,39 @@ constexpr int kConnect = 0, kDefine = 1, kSwap = 2;
 // The simulator with stderr in a file and "ready" on a pipe; stopped (and
 // killed if it must be) at the end of scope, so no partition is left behind.
 struct Sim {
-  explicit Sim(std::vector<std::string> args) {
+  explicit Sim(const std::vector<std::string>& args) {
     static int serial = 0;
-    m_stderr = ::testing::TempDir() + "qvsim-" + std::to_string(getpid()) + "-" + std::to_string(++serial);
-    int ready[2];
-    if (pipe(ready) != 0) return;
-    args.insert(args.begin(), VARLOK_SIM_PATH);
-    args.insert(args.end(), {"--ready-fd", std::to_string(ready[1])});
-    if ((m_pid = fork()) == 0) {
-      if (!freopen(m_stderr.c_str(), "w", stderr) || !freopen("/dev/null", "w", stdout)) _exit(126);
-      std::vector<char*> argv;
-      for (auto& a : args) argv.push_back(a.data());
-      argv.push_back(nullptr);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-    close(ready[1]);
-    m_readyFd = ready[0];
+    m_stderr = ::testing::TempDir() + "qvsim-" + std::to_string(testsys::ProcessId()) + "-" + std::to_string(++serial);
+    testsys::ChildOptions options;
+    options.stderrPath = m_stderr;
+    options.readyPipe = true;
+    m_child.Start(VARLOK_SIM_PATH, args, options);
   }
   ~Sim() {
-    if (m_pid > 0 && !m_exited && Stop(SIGTERM) == -1000) kill(m_pid, SIGKILL), waitpid(m_pid, nullptr, 0);
-    close(m_readyFd);
-    unlink(m_stderr.c_str());
+    if (m_child.Running() && m_child.Stop() == -1) m_child.Kill();
+    std::remove(m_stderr.c_str());
   }
-  bool WaitReady() {
-    pollfd p{m_readyFd, POLLIN, 0};
-    char buffer[16] = {};
-    return poll(&p, 1, 5000) == 1 && read(m_readyFd, buffer, sizeof buffer) == 6 && std::string(buffer) == "ready\n";
-  }
-  // Exit code, or -signal; -1000 when it did not end within 5 s.
-  int Wait() {
-    for (int i = 0, status = 0; i < 1000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(5)))
-      if (waitpid(m_pid, &status, WNOHANG) == m_pid)
-        return m_exited = true, WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    return -1000;
-  }
-  int Stop(int signal) { return kill(m_pid, signal), Wait(); }
+  bool WaitReady() { return m_child.WaitReady() == "ready\n"; }
+  // Exit code; -1 when it did not end within 5 s.
+  int Wait() { return m_child.Wait(5000); }
+  int Stop() { return m_child.Stop(5000); }
   std::string Stderr() const {
     std::ifstream in(m_stderr);
-    return {std::istreambuf_iterator<char>(in), {}};
+    return testsys::ProgramText({std::istreambuf_iterator<char>(in), {}});
   }
   std::string m_stderr;
-  pid_t m_pid = -1;
-  int m_readyFd = -1;
-  bool m_exited = false;
+  testsys::Child m_child;
 };
 
 class VarlokSimTest : public ::testing::Test {
  protected:
-  void SetUp() override { setenv("VARLOK_PARTITION", partition.c_str(), 1); }
+  void SetUp() override { testsys::SetEnv("VARLOK_PARTITION", partition); }
   std::vector<std::string> Args(std::vector<std::string> extra = {}) {
     std::vector<std::string> args = {"--symbols", symbols, "--partition", partition, "--notify-size", "65536",
                                      "--dataswap-size", "65536"};
     return args.insert(args.end(), extra.begin(), extra.end()), args;
   }
-  std::string partition = "qvsim-" + std::to_string(getpid()) + "-" +
+  std::string partition = "qvsim-" + std::to_string(testsys::ProcessId()) + "-" +
                           ::testing::UnitTest::GetInstance()->current_test_info()->name();
   std::string symbols = std::string(QV_SOURCE_DIR) + "/examples/demo/Demo.xml";
 };
@@ -112,8 +89,10 @@ TEST_F(VarlokSimTest, InjectedFaultsReachTheClient) {
        "refused define command: answering with the injected error 9"},
       {{"--vanish", "dataswap"}, kSwap, 60, kTimeout, 0, 0, false, 3, "vanishing in the middle of a data swap command"},
   };
+  const bool canCut = qorvarlok::rtos::RtosHost::CanCutAreas();
   for (const Case& c : cases) {
     SCOPED_TRACE(c.log);
+    if (c.exit == 3 && !canCut) continue;  // vanishing cuts the areas, which this system cannot
     Sim sim(Args(c.args));
     if (c.channel < 0 && !sim.WaitReady() && sim.Wait() == c.exit && sim.Stderr().find(c.log) != std::string::npos)
       continue;
@@ -135,11 +114,13 @@ TEST_F(VarlokSimTest, InjectedFaultsReachTheClient) {
                                        : slot::Load<uint32_t>(area, slot::kSwapErr), c.err);
       EXPECT_EQ(c.channel == kConnect ? SeqOf(client) : 0, 0u) << "a refused connect grants nothing";
     }
-    EXPECT_EQ(c.exit == 0 ? sim.Stop(SIGTERM) : sim.Wait(), c.exit);
+    EXPECT_EQ(c.exit == 0 ? sim.Stop() : sim.Wait(), c.exit);
     EXPECT_NE(sim.Stderr().find(c.log), std::string::npos) << sim.Stderr();
   }
   uint32_t id = 0, bytes = 1;  // the vanished controller left its areas cut
-  EXPECT_EQ(RtosQueryShmId(L"DataSwapArea", 4, &id) | RtosQueryShmSize(id, &bytes) | bytes, 0u);
+  if (canCut) {
+    EXPECT_EQ(RtosQueryShmId(L"DataSwapArea", 4, &id) | RtosQueryShmSize(id, &bytes) | bytes, 0u);
+  }
 }
 
 TEST_F(VarlokSimTest, ServesRefusesASecondRecoversAfterKillAndGrantsAFreshSequence) {
@@ -157,10 +138,10 @@ TEST_F(VarlokSimTest, ServesRefusesASecondRecoversAfterKillAndGrantsAFreshSequen
     Sim second(Args({"--claim-timeout-ms", "20"}));
     EXPECT_TRUE(!second.WaitReady() && second.Wait() == 4);
     EXPECT_NE(second.Stderr().find("varlok-sim: cannot start: partition '" + partition +
-                                   "' is held by the running controller pid " + std::to_string(first.m_pid)),
+                                   "' is held by the running controller pid " + std::to_string(first.m_child.Id())),
               std::string::npos) << second.Stderr();
   }
-  EXPECT_EQ(first.Stop(SIGKILL), -SIGKILL);
+  first.m_child.Kill();
   EXPECT_EQ(RtosIsAlive(), 0u);
   Sim third(Args());
   ASSERT_TRUE(third.WaitReady()) << third.Stderr();
@@ -169,7 +150,7 @@ TEST_F(VarlokSimTest, ServesRefusesASecondRecoversAfterKillAndGrantsAFreshSequen
   ASSERT_EQ(fresh.Open() | Connect(fresh) | Define(fresh), 0u);
   EXPECT_NE(SeqOf(fresh), firstSeq)
       << "a restarted controller granted its predecessor's first sequence again";
-  EXPECT_EQ(third.Stop(SIGTERM), 0);
+  EXPECT_EQ(third.Stop(), 0);
   EXPECT_EQ(RtosIsAlive(), 0u);
   uint32_t id = 0;
   EXPECT_EQ(RtosQueryShmId(L"DataSwapArea", 4, &id), RTE_ERROR_PARTITION_DOWN) << "the stopped controller cleaned up";

@@ -3,14 +3,15 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 
 #include "FakeBackend.h"
 #include "LogCapture.h"
 #include "QorVarlok/ZelVarlok.h"
+#include "TestSystem.h"
 #include "ZelVarlok_p.h"
 
 namespace qvtest {
@@ -18,8 +19,7 @@ namespace qvtest {
 // Two DINTs and a STRING under App.GVL.
 struct SymbolFile {
   SymbolFile() {
-    char pattern[] = "/tmp/qv_facade_XXXXXX";
-    path = (mkdtemp(pattern) ? std::string(pattern) : "/tmp") + "/symbols.xml";
+    path = testsys::MakeTempDir("qv_facade_") + "/symbols.xml";
     std::ofstream(path) << R"(<?xml version="1.0" encoding="utf-8"?>
 <Symbolconfiguration><Header><Version>1.0.0.0</Version>
 <SymbolConfigObject compiler="1.2.3.4" runtimeid="1.2.3.4" profile="standard"/><ProjectInfo name="Demo"/></Header>
@@ -29,9 +29,10 @@ struct SymbolFile {
 <Node name="count" type="T_DINT" access="ReadWrite"/><Node name="label" type="T_STR" access="ReadWrite"/>
 </Node></Node></NodeList></Symbolconfiguration>)";
   }
-  ~SymbolFile() { std::remove(path.c_str()), rmdir(path.substr(0, path.rfind('/')).c_str()); }
+  ~SymbolFile() { std::filesystem::remove_all(std::filesystem::path(path).parent_path(), m_ignored); }
   std::wstring WidePath() const { return std::wstring(path.begin(), path.end()); }
   std::string path;
+  std::error_code m_ignored;
 };
 
 // Every object made while the fixture lives gets a fresh fake backend.

@@ -2,10 +2,6 @@
 // executable, one line per record with its fields, "\r\n" at the end, the
 // level letter and the function name written at the call.
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -21,6 +17,7 @@
 #include "ExePath.h"
 #include "LogCapture.h"
 #include "LogSetup.h"
+#include "TestSystem.h"
 #include "VarlokLog.h"
 
 namespace {
@@ -28,22 +25,29 @@ namespace {
 using qorvarlok::log::logFilePath;
 
 TEST(LogFile, PathUnderVarloklogsOfTheCurrentDirectory) {
-  const std::pair<const char*, const char*> cases[] = {
+  // '|' stands for the system's separator of the executable's path ('/', or '\\' on Windows).
+  const std::pair<std::string, std::string> cases[] = {
       // The separator stays in the directory name; only the last dot cuts.
-      {"/opt/app/client.bin", "./varloklogs//client/Varlok.log"},
-      {"/opt/app/client.tar.gz", "./varloklogs//client.tar/Varlok.log"},
-      {"/opt/app.d/client", "./varloklogs//client/Varlok.log"},
-      {"/opt/app/.hidden", "./varloklogs///Varlok.log"},
+      {"|opt|app|client.bin", "./varloklogs/|client/Varlok.log"},
+      {"C:|app|client.exe", "./varloklogs/|client/Varlok.log"},
+      {"|opt|app|client.tar.gz", "./varloklogs/|client.tar/Varlok.log"},
+      {"|opt|app.d|client", "./varloklogs/|client/Varlok.log"},
+      {"|opt|app|.hidden", "./varloklogs/||Varlok.log"},
       {"client.bin", "./varloklogs/client/Varlok.log"},
       {"client", "./varloklogs/client/Varlok.log"},
   };
-  for (const auto& c : cases) EXPECT_EQ(logFilePath(c.first), c.second) << c.first;
+  const auto native = [](std::string text) {
+    for (char& c : text)
+      if (c == '|') c = qorvarlok::platform::executablePathSeparator();
+    return text;
+  };
+  for (const auto& c : cases) EXPECT_EQ(logFilePath(native(c.first)), native(c.second)) << native(c.first);
 }
 
 std::string ownLogFile() {
-  char cwd[4096] = {0};
-  if (::getcwd(cwd, sizeof(cwd)) == nullptr) return std::string();
-  return std::string(cwd) + "/" + logFilePath(qorvarlok::platform::executablePath());
+  const std::string cwd = testsys::CurrentDir();
+  if (cwd.empty()) return std::string();
+  return cwd + "/" + logFilePath(qorvarlok::platform::executablePath());
 }
 
 std::string readLog() {
@@ -71,7 +75,7 @@ std::string waitForLine(const std::string& marker) {
 
 std::string uniqueMarker(const char* what) {
   static std::atomic<int> serial{0};
-  return std::string(what) + "-" + std::to_string(::getpid()) + "-" + std::to_string(++serial);
+  return std::string(what) + "-" + std::to_string(testsys::ProcessId()) + "-" + std::to_string(++serial);
 }
 
 TEST(LogFile, LineCarriesEveryFieldOfThePattern) {
@@ -86,7 +90,7 @@ TEST(LogFile, LineCarriesEveryFieldOfThePattern) {
     const bool digit = written[i] >= '0' && written[i] <= '9';
     EXPECT_TRUE(stamp[i] == 'd' ? digit : written[i] == stamp[i]) << "time stamp at " << i << ": " << written;
   }
-  const std::string rest = " (" + std::to_string(::getpid()) + "|" + std::to_string(::syscall(SYS_gettid)) + ") [E] " +
+  const std::string rest = " (" + std::to_string(testsys::ProcessId()) + "|" + std::to_string(testsys::ThreadId()) + ") [E] " +
                            marker + " code=10000403 (LoggingTest.cpp:" + std::to_string(line) +
                            " ZelVarlok::InitializeCom)\r\n";
   EXPECT_EQ(written.substr(stamp.size()), rest);
@@ -136,28 +140,21 @@ TEST(LogHelper, WriteLines) {
 // Two processes of one executable share its log file: every line arrives whole and
 // once, across the rotation that their 3 MB bring about.
 TEST(LogFile, TwoProcessesOfOneExecutableWriteWholeLines) {
-  char dir[] = "/tmp/qvlog-XXXXXX";
-  ASSERT_NE(nullptr, mkdtemp(dir));
-  std::map<pid_t, std::string> helpers;
+  const std::string dir = testsys::MakeTempDir("qvlog");
+  ASSERT_FALSE(dir.empty());
+  std::map<int, std::string> helpers;
+  testsys::Child children[2];
+  int next = 0;
   for (const char* tag : {"A", "B"}) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addchdir_np(&actions, dir);  // the log goes under the current directory
-    std::string self = "/proc/self/exe", filter = "--gtest_filter=LogHelper.WriteLines", env = "LOG_HELPER_TAG=";
-    env += tag;
-    char* argv[] = {self.data(), filter.data(), nullptr};
-    char* envp[] = {env.data(), nullptr};
-    pid_t pid = -1;
-    EXPECT_EQ(0, posix_spawn(&pid, argv[0], &actions, nullptr, argv, envp));
-    posix_spawn_file_actions_destroy(&actions);
-    helpers[pid] = tag;
+    testsys::ChildOptions options;
+    options.workDir = dir;  // the log goes under the current directory
+    options.env = {{"LOG_HELPER_TAG", tag}};
+    testsys::Child& child = children[next++];
+    EXPECT_TRUE(child.Start(qorvarlok::platform::executablePath(), {"--gtest_filter=LogHelper.WriteLines"}, options));
+    helpers[static_cast<int>(child.Id())] = tag;
   }
-  for (const auto& [pid, tag] : helpers) {
-    int status = -1;
-    EXPECT_EQ(pid, waitpid(pid, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << tag;
-  }
-  const std::string file = std::string(dir) + "/" + logFilePath(qorvarlok::platform::executablePath());
+  for (testsys::Child& child : children) EXPECT_EQ(0, child.Wait(120000)) << helpers[static_cast<int>(child.Id())];
+  const std::string file = dir + "/" + logFilePath(qorvarlok::platform::executablePath());
   std::map<std::string, std::vector<int>> seen;  // tag -> how often each line number came
   size_t files = 0, broken = 0;
   for (const std::string& name : {file.substr(0, file.size() - 4) + ".2.log", file.substr(0, file.size() - 4) + ".1.log",

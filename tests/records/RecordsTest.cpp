@@ -1,29 +1,17 @@
 // The shared records and the description lookup: every row's bytes in both
 // languages, line errors, unknown codes, the conversions and a default record.
 #include <gtest/gtest.h>
-#include <iconv.h>
 
 #include <string>
 
 #include "QorVarlok/ZelVarlok.h"
+#include "TestSystem.h"
 #include "VarlokTypes.h"
 
 namespace {
 
 // The expected texts are written here in UTF-8; the library holds them in GBK.
-std::string toGbk(const std::string& utf8) {
-  iconv_t cd = iconv_open("GBK", "UTF-8");
-  if (cd == reinterpret_cast<iconv_t>(-1)) return "<no GBK converter>";
-  std::string out(utf8.size() * 2 + 1, '\0');
-  char* in = const_cast<char*>(utf8.data());
-  char* outPtr = &out[0];
-  size_t inLeft = utf8.size(), outLeft = out.size();
-  const size_t r = iconv(cd, &in, &inLeft, &outPtr, &outLeft);
-  iconv_close(cd);
-  EXPECT_NE(r, static_cast<size_t>(-1)) << "not convertible to GBK: " << utf8;
-  out.resize(out.size() - outLeft);
-  return out;
-}
+std::string toGbk(const std::string& utf8) { return testsys::Utf8ToGbk(utf8); }
 
 std::string describe(int language, unsigned int code) {
   qorvarlok::SetVarlokLanguage(language);

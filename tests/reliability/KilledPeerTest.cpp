@@ -11,7 +11,7 @@
 #include "LogCapture.h"
 #include "QorVarlok/ZelVarlok.h"
 #include "ShmProject.h"
-#include "SimProcess.h"
+#include "PosixSimProcess.h"
 #include "Watchdog.h"
 
 using namespace shmtest;

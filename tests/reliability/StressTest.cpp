@@ -13,7 +13,7 @@
 
 #include "QorVarlok/ZelVarlok.h"
 #include "ShmProject.h"
-#include "SimProcess.h"
+#include "PosixSimProcess.h"
 #include "TcpTestSupport.h"
 #include "Watchdog.h"
 

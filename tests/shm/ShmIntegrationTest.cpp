@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -32,9 +33,9 @@ class ShmIntegration : public testing::Test {
   virtual unsigned ManyCount() const { return 4; }
   void SetUp() override {
     static int serial = 0;  // a partition of each test's own
-    partition = "shmint" + std::to_string(getpid()) + "-" + std::to_string(++serial);
-    path = "/tmp/" + partition + ".xml";
-    setenv("VARLOK_PARTITION", partition.c_str(), 1);
+    partition = "shmint" + std::to_string(testsys::ProcessId()) + "-" + std::to_string(++serial);
+    path = testsys::MakeTempDir(partition) + "/project.xml";
+    testsys::SetEnv("VARLOK_PARTITION", partition);
     ASSERT_TRUE(WriteProject(path, ManyCount()));
     config.reset(qorvarlok::symbols::SymbolConfigReader().ReadFile(std::wstring(path.begin(), path.end()), nullptr));
     ASSERT_NE(nullptr, config);
@@ -47,7 +48,8 @@ class ShmIntegration : public testing::Test {
     qvtest::Log().Clear();
   }
   void TearDown() override {
-    varlok.reset(), controller.reset(), std::remove(path.c_str()), RemoveNamedMutexes(partition);
+    varlok.reset(), controller.reset(), RemoveNamedMutexes(partition);
+    std::filesystem::remove_all(std::filesystem::path(path).parent_path(), ignored);
   }
   void Connect() {  // seq: the client sequence granted
     varlok = std::make_unique<ZelVarlok>();
@@ -81,6 +83,7 @@ class ShmIntegration : public testing::Test {
     arrange(plan), controller->SetFaults(plan);
   }
 
+  std::error_code ignored;
   std::string partition, path;
   std::unique_ptr<qorvarlok::symbols::SymbolConfiguration> config;
   std::unique_ptr<Controller> controller;
@@ -295,16 +298,16 @@ TEST(ShmHelper, ClientProcess) {
 }
 
 // Runs only as a helper of KilledClientInsideAChannelMutexLocksNobodyOut: parks in the
-// named channel's mutex, says so on SHM_PARK_FD, and waits there to be killed.
+// named channel's mutex, says so by creating the file SHM_PARK_FILE, and waits there to be killed.
 TEST(ShmHelper, ParkedClient) {
-  static int fd = -1;
+  static const char* file = nullptr;
   static const char* channel = nullptr;
-  if (std::getenv("SHM_PARK_FD") == nullptr) GTEST_SKIP() << "helper of another test";
-  fd = std::atoi(std::getenv("SHM_PARK_FD")), channel = std::getenv("SHM_PARK_CHANNEL");
+  if (std::getenv("SHM_PARK_FILE") == nullptr) GTEST_SKIP() << "helper of another test";
+  file = std::getenv("SHM_PARK_FILE"), channel = std::getenv("SHM_PARK_CHANNEL");
   qorvarlok::shm::SetMutexHeldHook([](const char* func) {
     if (std::strcmp(func, channel) != 0) return;
-    if (write(fd, "p", 1) != 1) _exit(3);
-    for (;;) pause();
+    if (!std::ofstream(file).put('p')) std::exit(3);
+    for (;;) std::this_thread::sleep_for(std::chrono::seconds(1));
   });
   ZelVarlok varlok;
   ASSERT_EQ(0u, varlok.InitializeCom(COM_TYPE_LOCAL, std::getenv("SHM_HELPER_SYMBOLS")));
@@ -319,30 +322,28 @@ TEST(ShmHelper, ParkedClient) {
 // warns, sends its own command and releases the mutex; the two survivors go on, and
 // each of their writes that answered 0 reads back.
 TEST_F(ShmIntegration, KilledClientInsideAChannelMutexLocksNobodyOut) {
-  setenv("SHM_HELPER_SYMBOLS", path.c_str(), 1);
   // The helpers log into this program's file; a rotation may have moved their lines one file on.
   const std::string log = qorvarlok::log::logFilePath(qorvarlok::platform::executablePath());
+  const std::string parked = path + ".parked";
   for (const char* channel : {"ConnectCmdThread::Async", "DefineShmComThread::Async", "DataSwapShmComThread::Async"}) {
     SCOPED_TRACE(channel);
-    int fds[2];
-    ASSERT_EQ(0, pipe(fds));
-    setenv("SHM_PARK_FD", std::to_string(fds[1]).c_str(), 1), setenv("SHM_PARK_CHANNEL", channel, 1);
-    const pid_t victim = Spawn({"/proc/self/exe", "--gtest_filter=ShmHelper.ParkedClient"});
-    unsetenv("SHM_PARK_FD"), close(fds[1]);
-    pollfd parked{fds[0], POLLIN, 0};
-    char byte = 0;
-    const bool inside = poll(&parked, 1, 10000) == 1 && read(fds[0], &byte, 1) == 1;
-    close(fds[0]);
-    if (!inside) WaitExitWithin(victim, 0);
+    std::filesystem::remove(parked);
+    testsys::Child victim, a, b;
+    testsys::ChildOptions options;
+    options.env = {{"SHM_HELPER_SYMBOLS", path}, {"SHM_PARK_FILE", parked}, {"SHM_PARK_CHANNEL", channel}};
+    ASSERT_TRUE(victim.Start(ThisProgram(), {"--gtest_filter=ShmHelper.ParkedClient"}, options));
+    bool inside = false;
+    for (int waited = 0; !inside && waited < 10000 && victim.Running(); waited += 10) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      inside = std::filesystem::exists(parked);
+    }
     ASSERT_TRUE(inside) << "the victim never held the mutex";
-    setenv("SHM_HELPER_TAG", "App.GVL.counter", 1);
-    const pid_t a = Spawn({"/proc/self/exe", "--gtest_filter=ShmHelper.ClientProcess"});
-    setenv("SHM_HELPER_TAG", "App.GVL.speed", 1);
-    const pid_t b = Spawn({"/proc/self/exe", "--gtest_filter=ShmHelper.ClientProcess"});
-    unsetenv("SHM_HELPER_TAG");
-    kill(victim, SIGKILL);
-    EXPECT_EQ(-1, WaitExitWithin(victim, 5000));
-    EXPECT_EQ(std::make_pair(0, 0), std::make_pair(WaitExitWithin(a, 30000), WaitExitWithin(b, 30000)));
+    options.env = {{"SHM_HELPER_SYMBOLS", path}, {"SHM_HELPER_TAG", "App.GVL.counter"}};
+    ASSERT_TRUE(a.Start(ThisProgram(), {"--gtest_filter=ShmHelper.ClientProcess"}, options));
+    options.env[1].second = "App.GVL.speed";
+    ASSERT_TRUE(b.Start(ThisProgram(), {"--gtest_filter=ShmHelper.ClientProcess"}, options));
+    victim.Kill();
+    EXPECT_EQ(std::make_pair(0, 0), std::make_pair(a.Wait(30000), b.Wait(30000)));
     EXPECT_EQ(std::make_pair(598, 598), std::make_pair(Image<int32_t>("App.GVL.counter"),
                                                        Image<int32_t>("App.GVL.speed")));
     // Exactly one survivor found the mutex abandoned, and said so; nobody holds it now.
@@ -350,7 +351,7 @@ TEST_F(ShmIntegration, KilledClientInsideAChannelMutexLocksNobodyOut) {
     const std::string level = std::strcmp(channel, "ConnectCmdThread::Async") == 0 ? "[E]" : "[W]";
     std::ifstream rotated(log.substr(0, log.size() - 4) + ".1.log", std::ios::binary), in(log, std::ios::binary);
     for (std::string line; std::getline(rotated, line) || std::getline(in, line);)
-      for (pid_t pid : {a, b})
+      for (uint32_t pid : {a.Id(), b.Id()})
         warned += line.find("(" + std::to_string(pid) + "|") != std::string::npos &&
                   line.find(") " + level + " WAIT_ABANDONED (") != std::string::npos &&
                   line.find(channel) != std::string::npos;
@@ -364,12 +365,13 @@ TEST_F(ShmIntegration, KilledClientInsideAChannelMutexLocksNobodyOut) {
 }
 
 TEST_F(ShmIntegration, TwoClientProcessesShareTheChannels) {
-  setenv("SHM_HELPER_SYMBOLS", path.c_str(), 1), setenv("SHM_HELPER_TAG", "App.GVL.counter", 1);
-  const pid_t a = Spawn({"/proc/self/exe", "--gtest_filter=ShmHelper.ClientProcess"});
-  setenv("SHM_HELPER_TAG", "App.GVL.speed", 1);
-  const pid_t b = Spawn({"/proc/self/exe", "--gtest_filter=ShmHelper.ClientProcess"});
-  unsetenv("SHM_HELPER_TAG");
-  EXPECT_EQ(std::make_pair(0, 0), std::make_pair(WaitExit(a), WaitExit(b)));
+  testsys::Child a, b;
+  testsys::ChildOptions options;
+  options.env = {{"SHM_HELPER_SYMBOLS", path}, {"SHM_HELPER_TAG", "App.GVL.counter"}};
+  ASSERT_TRUE(a.Start(ThisProgram(), {"--gtest_filter=ShmHelper.ClientProcess"}, options));
+  options.env[1].second = "App.GVL.speed";
+  ASSERT_TRUE(b.Start(ThisProgram(), {"--gtest_filter=ShmHelper.ClientProcess"}, options));
+  EXPECT_EQ(std::make_pair(0, 0), std::make_pair(a.Wait(60000), b.Wait(60000)));
   EXPECT_EQ(598, Image<int32_t>("App.GVL.counter"));
   EXPECT_EQ(598, Image<int32_t>("App.GVL.speed"));
 }
@@ -415,8 +417,11 @@ TEST_F(ShmIntegration, IdleClientAndIdleControllerUseNoProcessorTime) {
 
 // A tree handed to InitializeCom is freed exactly once, however the program goes on and ends.
 TEST_F(ShmIntegration, HandedSymbolTreeIsFreedOnceHoweverTheProgramEnds) {
-  for (const char* mode : {"exit", "release", "two", "static"})
-    EXPECT_EQ(0, WaitExitWithin(Spawn({HANDED_TREE_PROGRAM, path, mode}), 20000)) << mode;
+  for (const char* mode : {"exit", "release", "two", "static"}) {
+    testsys::Child program;
+    ASSERT_TRUE(program.Start(HANDED_TREE_PROGRAM, {path, mode}));
+    EXPECT_EQ(0, program.Wait(20000)) << mode;
+  }
 }
 
 TEST_F(ShmSlow, HeldMutexSilentAndVanishingChannelsGiveTheirCodesWithinTheirBudgets) {
@@ -447,6 +452,7 @@ TEST_F(ShmSlow, HeldMutexSilentAndVanishingChannelsGiveTheirCodesWithinTheirBudg
   EXPECT_EQ(0u, Write(h, {"1"}));  // the partition lived: the client stayed set up
   EXPECT_EQ(1, Image<int32_t>("App.GVL.counter"));
 
+  if (!qorvarlok::rtos::RtosHost::CanCutAreas()) GTEST_SKIP() << "the system cannot cut a client's mapping";
   Faults([](FaultPlan& plan) { plan.vanishMask = ChannelBit(Channel::DataSwap); });
   EXPECT_EQ(ERR_RTOS_UNAVAILABLE, Read(h));  // the wait runs out and reading the cut slot faults
   EXPECT_NE(nullptr, qorvarlok::shm::ShmComClient::GetInstance());
@@ -465,7 +471,7 @@ TEST_F(ShmSlow, KilledControllerProcessIsUnavailableThenWorksAfterReconnect) {
   Connect();
   HTAGLIST h = Define({"App.GVL.counter"});
   ASSERT_EQ(0u, Write(h, {"11"}));
-  sim.Stop(SIGKILL);
+  sim.Kill();
   EXPECT_EQ(ERR_RTOS_UNAVAILABLE, Read(h));
   ASSERT_TRUE(sim.Start(VARLOK_SIM_PATH, {"--symbols", path, "--partition", partition}));
   ASSERT_EQ(0u, Reconnect());
@@ -474,7 +480,7 @@ TEST_F(ShmSlow, KilledControllerProcessIsUnavailableThenWorksAfterReconnect) {
   HTAGLIST again = Define({"App.GVL.speed", "App.GVL.counter"});
   ASSERT_EQ(0u, Write(again, {"21", "22"}) + Read(again));
   EXPECT_EQ(22, ReadAt<int32_t>(values.at(1).Value));
-  EXPECT_EQ(0, sim.Stop(SIGTERM));
+  EXPECT_EQ(0, sim.Stop());
 }
 #endif
 

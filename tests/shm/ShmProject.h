@@ -3,13 +3,13 @@
 #pragma once
 
 #include <fmt/format.h>
-#include <sys/mman.h>
 
 #include <cstdio>
 #include <cstring>
 #include <string>
 
 #include "ShmComClient.h"
+#include "TestSystem.h"
 
 namespace qorvarlok::shm {
 class ShmComClientProbe {  // the client back to "not set up", as after a lost mapping
@@ -49,7 +49,7 @@ inline std::string ManyName(unsigned i) { return "App.Many.d" + std::to_string(i
 
 inline void RemoveNamedMutexes(const std::string& partition) {  // real ones outlive their handles
   for (const char* m : {"Global_MUTEX_CONNECT", "Global_MUTEX_NOTIFY", "Global_MUTEX_DATASWAP"})
-    shm_unlink(("/" + partition + "." + m).c_str());
+    testsys::RemoveSharedObject("/" + partition + "." + m);
 }
 template <typename T>  // packed fields, by copy
 T ReadAt(const void* p, size_t offset = 0) {

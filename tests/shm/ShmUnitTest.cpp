@@ -8,6 +8,7 @@
 #include "QorVarlok/ZelVarlok.h"
 #include "RtosApi.h"
 #include "ShmProject.h"
+#include "TestSystem.h"
 
 using namespace qorvarlok::shm;
 using namespace shmtest;
@@ -71,8 +72,8 @@ struct FakeRtosScope {  // the fake in the client's table for the life of the sc
 };
 
 struct DeadMapping {  // faults on every access, as an area that was cut
-  void* p = mmap(nullptr, 0x500000, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  ~DeadMapping() { munmap(p, 0x500000); }
+  void* p = testsys::ReserveNoAccess(0x500000);
+  ~DeadMapping() { testsys::FreeNoAccess(p, 0x500000); }
 };
 
 constexpr uint32_t kRecv = ERR_RTOS_RECV_EVENT_FAILED, kSend = ERR_RTOS_SEND_EVENT_FAILED,
@@ -141,8 +142,8 @@ std::vector<unsigned char> Request(Ch ch, uint8_t flag, bool repeat) {
 class ShmUnit : public testing::Test {
  protected:
   void SetUp() override {  // a partition of this process's own, its named mutexes removed when it ends
-    static const std::string name = "shmunit" + std::to_string(getpid());
-    static const int done = setenv("VARLOK_PARTITION", name.c_str(), 1) + std::atexit([] { RemoveNamedMutexes(name); });
+    static const std::string name = "shmunit" + std::to_string(testsys::ProcessId());
+    static const int done = (testsys::SetEnv("VARLOK_PARTITION", name), std::atexit([] { RemoveNamedMutexes(name); }));
     (void)done, qvtest::Log().Clear();
   }
   ShmComClient* Lost() {  // the client not set up, the fake mapping every area to one buffer, counters at zero

@@ -115,14 +115,14 @@ TEST(LocalEncoding, NamesTakeTheLocaleFormOrStayAsTheyAre) {
            {"C.UTF-8", longName, longName.substr(0, 1023)},             // cut at a character boundary
            {"C", "x\xE4\xB8\xAD", "x\xE4\xB8\xAD"}}) {  // no form in ASCII: kept, not lost
     if (std::setlocale(LC_ALL, locale) == nullptr) continue;
-    setenv("LC_ALL", locale, 1);
+    testsys::SetEnv("LC_ALL", locale);
     qvtest::Log().Clear();
     EXPECT_EQ(ToLocalEncoding(text.c_str()), local) << locale;
   }
   EXPECT_EQ(qvtest::Log().CountOf(spdlog::level::warn, "x\xE4\xB8\xAD has no form in the current locale, kept as it is",
                                   "ToLocalEncoding"), 1u);
   EXPECT_THROW(ToLocalEncoding("\xF8\x80\x80\x80\x80"), std::range_error);
-  setenv("LC_ALL", saved.c_str(), 1);
+  testsys::SetEnv("LC_ALL", saved);
   std::setlocale(LC_ALL, "");
 }
 

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
@@ -13,13 +12,13 @@
 #include "LogCapture.h"
 #include "QorVarlok/ZelVarlok.h"
 #include "SymbolConfigDll.h"
+#include "TestSystem.h"
 #include "WideConv.h"
 
 namespace symtest {
 
 class TempDir {
  public:
-  TempDir() { if (mkdtemp(m_path.data()) == nullptr) m_path.clear(); }
   ~TempDir() { std::filesystem::remove_all(m_path, m_ignored); }
   std::string Write(const std::string& name, const std::string& content) const {
     std::ofstream(Path(name), std::ios::binary) << content;
@@ -28,7 +27,7 @@ class TempDir {
   std::string Path(const std::string& name) const { return m_path + "/" + name; }
 
  private:
-  std::string m_path = (std::filesystem::temp_directory_path() / "qvsym-XXXXXX").string();
+  std::string m_path = testsys::MakeTempDir("qvsym-");
   std::error_code m_ignored;
 };
 

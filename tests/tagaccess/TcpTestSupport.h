@@ -16,7 +16,7 @@
 
 #include "CommandHandler.h"
 #include "ShmProject.h"
-#include "SimProcess.h"
+#include "PosixSimProcess.h"
 #include "SymbolConfigReader.h"
 #include "TagAccessProtocol.h"
 #include "TcpServer.h"

@@ -1,7 +1,6 @@
 // The tags manager against real symbol files: which tag a name is, tag lists
 // (layout, the first bad name, the chain, the TCP map), and value text.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <clocale>
@@ -11,6 +10,7 @@
 #include "LogCapture.h"
 #include "SymbolConfigDll.h"
 #include "TagsManager.h"
+#include "TestSystem.h"
 #include "Varlok.h"
 
 using qorvarlok::tags::TagNode;
@@ -29,11 +29,11 @@ std::string SymbolFile(const std::string& types, const std::string& variables) {
 // Reads content as a symbol file and fills a manager of that instance id with it;
 // the manager gives the document its id, as the backends rely on.
 std::unique_ptr<TagsManager> FilledManager(const std::string& content, uint32_t instanceId) {
-  const std::string path = "/tmp/qv-tags-" + std::to_string(getpid()) + ".xml";
+  const std::string path = testsys::MakeTempDir("qv-tags-") + "/symbols.xml";
   std::ofstream(path, std::ios::binary) << content;
   unsigned int code = 0;
   auto* config = qorvarlok::symbols::ReadSymbolConfig(std::wstring(path.begin(), path.end()), &code);
-  std::filesystem::remove(path);
+  std::filesystem::remove_all(std::filesystem::path(path).parent_path());
   EXPECT_NE(config, nullptr) << "read failed with 0x" << std::hex << code;
   if (config == nullptr) return nullptr;
   auto manager = std::make_unique<TagsManager>();
@@ -135,8 +135,8 @@ TEST_F(TagsTest, NamesResolveWithinBoundsAndIndexCount) {
 
 // Names in the file are UTF-8; the table holds them in the user's locale.
 struct LocaleScope {
-  explicit LocaleScope(const char* name) : ok(std::setlocale(LC_ALL, name) != nullptr) { setenv("LC_ALL", name, 1); }
-  ~LocaleScope() { setenv("LC_ALL", old.c_str(), 1), std::setlocale(LC_ALL, "C"); }
+  explicit LocaleScope(const char* name) : ok(std::setlocale(LC_ALL, name) != nullptr) { testsys::SetEnv("LC_ALL", name); }
+  ~LocaleScope() { testsys::SetEnv("LC_ALL", old), std::setlocale(LC_ALL, "C"); }
   std::string old = getenv("LC_ALL") != nullptr ? getenv("LC_ALL") : "";
   bool ok;
 };

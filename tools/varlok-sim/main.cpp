@@ -1,13 +1,11 @@
 // varlok-sim: a soft controller. Serves the three shared memory channels of a
 // partition, and with --tcp the tag-access protocol over TCP, from one process
-// image built from a symbol file, until SIGINT or SIGTERM, then removes what
-// it created. Logs to stderr; once it serves, prints "tcp ADDR:PORT" (with
-// --tcp) and "ready" on stdout, and the same lines on --ready-fd.
-#include <pthread.h>
-#include <signal.h>
+// image built from a symbol file, until SIGINT or SIGTERM (on Windows Ctrl-C
+// or a stop request), then removes what it created. Logs to stderr; once it
+// serves, prints "tcp ADDR:PORT" (with --tcp) and "ready" on stdout, and the
+// same lines on --ready-fd.
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -18,6 +16,7 @@
 
 #include "Controller.h"
 #include "DemoTask.h"
+#include "Program.h"
 #include "TcpServer.h"
 #include "SymbolConfigReader.h"
 #include "VarlokLog.h"
@@ -39,7 +38,7 @@ const char* const kUsage =
     "  --notify-size N         bytes of NotifyArea (default 5242880)\n"
     "  --dataswap-size N       bytes of DataSwapArea (default 5242880)\n"
     "  --claim-timeout-ms N    how long to wait for a partition that is being given up (default 500)\n"
-    "  --ready-fd N            write \"ready\\n\" to file descriptor N once serving, then close it\n"
+    "  --ready-fd N            write \"ready\\n\" to file descriptor N (a handle on Windows) once serving, then close it\n"
     "  --log-level LEVEL       trace, debug, info (default), warn, err\n"
     "  --help                  print this text and exit\n"
     "TCP (the tag-access protocol, beside the shared memory channels):\n"
@@ -61,7 +60,7 @@ struct Options {
   std::string symbols;
   bool demo = false;
   uint32_t demoCycleMs = 100;
-  int readyFd = -1;
+  int64_t readyFd = -1;
   std::string logLevel = "info";
   ControllerOptions controller;
   bool tcp = false;
@@ -115,7 +114,7 @@ std::string ParseArguments(int argc, char** argv, Options& o) {
     else if (arg == "--notify-size") ok = number(h.notifyAreaSize);
     else if (arg == "--dataswap-size") ok = number(h.dataSwapAreaSize);
     else if (arg == "--claim-timeout-ms") ok = number(h.claimTimeoutMs);
-    else if (arg == "--ready-fd") ok = number(n) && n <= INT32_MAX && (o.readyFd = static_cast<int>(n), true);
+    else if (arg == "--ready-fd") ok = number(n) && (o.readyFd = n, true);
     else if (arg == "--log-level" && value != nullptr) o.logLevel = argv[++i];
     else if (arg == "--tcp" && value != nullptr)
       ok = (o.tcp = true, ParseListenAddress(argv[++i], o.tcpOptions.address, o.tcpOptions.port));
@@ -181,15 +180,15 @@ bool ReadToken(const std::string& path, std::string& token) {
   return !token.empty() && token.size() <= qorvarlok::tagaccess::kMaxTokenLength;
 }
 
-void AnnounceReady(int readyFd, const TcpServer* tcp) {
+void AnnounceReady(int64_t readyFd, const TcpServer* tcp) {
   std::string text;
   if (tcp != nullptr) text = "tcp " + tcp->Address() + ":" + std::to_string(tcp->Port()) + "\n";
   text += "ready\n";
   std::fputs(text.c_str(), stdout);
   std::fflush(stdout);
   if (readyFd < 0) return;
-  if (write(readyFd, text.data(), text.size()) < 0) VLOG(warn, "varlok-sim", "cannot write to --ready-fd {}", readyFd);
-  close(readyFd);
+  if (!qorvarlok::platform::WriteReadyLine(static_cast<uint64_t>(readyFd), text.c_str()))
+    VLOG(warn, "varlok-sim", "cannot write to --ready-fd {}", readyFd);
 }
 
 }  // namespace
@@ -208,17 +207,13 @@ int main(int argc, char** argv) {
     return kExitUsage;
   }
   // A script that stopped reading stdout or the ready pipe must not end the controller.
-  signal(SIGPIPE, SIG_IGN);
+  qorvarlok::platform::IgnoreBrokenPipe();
   SetUpLogging(options.logLevel);
   std::unique_ptr<ProcessImage> image = LoadImage(options.symbols);
   if (!image) return kExitSymbols;
 
-  // Block the stop signals in every thread, so that only sigwait below sees them.
-  sigset_t stopSignals;
-  sigemptyset(&stopSignals);
-  sigaddset(&stopSignals, SIGINT);
-  sigaddset(&stopSignals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  // Before any thread starts, so that only the wait below sees the requests.
+  qorvarlok::platform::BlockStopRequests();
 
   std::string error;
   std::unique_ptr<Controller> controller = Controller::Start(std::move(image), options.controller, &error);
@@ -243,8 +238,7 @@ int main(int argc, char** argv) {
   if (options.demo) demo = std::make_unique<DemoTask>(controller->Handler(), options.demoCycleMs);
   AnnounceReady(options.readyFd, tcp.get());
 
-  int stopSignal = 0;
-  sigwait(&stopSignals, &stopSignal);
+  const int stopSignal = qorvarlok::platform::WaitForStopRequest();
   VLOG(info, "varlok-sim", "stopping on signal {}", stopSignal);
   demo.reset();
   tcp.reset();

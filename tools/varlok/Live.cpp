@@ -1,9 +1,9 @@
 // varlok read / write / watch: tags of a running controller, through shared
 // memory on this machine or, with --host, over TCP.
 #include <QorVarlok/ZelVarlok.h>
-#include <signal.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "Program.h"
 #include "TagTypes.h"
 #include "ValueText.h"
 
@@ -92,7 +93,7 @@ class Session {
 
   bool open(const LiveOptions& o) {
     // The partition is the platform's configuration, read at its first use.
-    if (!o.partition.empty()) ::setenv("VARLOK_PARTITION", o.partition.c_str(), 1);
+    if (!o.partition.empty()) qorvarlok::platform::SetEnvironment("VARLOK_PARTITION", o.partition);
     const bool tcp = !o.host.empty();
     unsigned int code = m_varlok.InitializeCom(tcp ? COM_TYPE_TCP : COM_TYPE_LOCAL, o.symbols.c_str());
     if (code != 0) return fail("InitializeCom", code);
@@ -264,10 +265,7 @@ int runWrite(const Args& args) {
 int runWatch(const Args& args) {
   LiveOptions o;
   if (!parseOptions("watch", args, true, o)) return kExitUsage;
-  struct sigaction action {};
-  action.sa_handler = onSignal;
-  ::sigaction(SIGINT, &action, nullptr);
-  ::sigaction(SIGTERM, &action, nullptr);
+  qorvarlok::platform::OnStopRequest(onSignal);
   Session s("watch");
   std::vector<Item> items;
   HTAGLIST shared = nullptr;

@@ -385,6 +385,8 @@ void RtosHost::Wake(Channel channel) {
   EventSend(static_cast<EventWord*>(m_pImpl->events[static_cast<int>(channel)][0].Map()));
 }
 
+bool RtosHost::CanCutAreas() { return true; }
+
 bool RtosHost::TruncateAreas() {
   bool ok = true;
   for (auto& area : m_pImpl->areas) ok &= area.Truncate();

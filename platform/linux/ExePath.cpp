@@ -12,4 +12,6 @@ std::string executablePath() {
   return std::string(buffer, static_cast<size_t>(n));
 }
 
+char executablePathSeparator() { return '/'; }
+
 }  // namespace qorvarlok::platform
