@@ -2,12 +2,10 @@
 
 #include <algorithm>
 #include <climits>
-#include <clocale>
 #include <cwchar>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <locale.h>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -15,6 +13,7 @@
 #include "QorVarlok/ZelVarlok.h"
 #include "TagData.h"
 #include "VarlokLog.h"
+#include "WideConv.h"
 
 namespace qorvarlok::symbols {
 
@@ -213,46 +212,6 @@ std::wstring DecodeUtf8(const char* text) {
 
 constexpr size_t kMaxLocalBytes = 1024;  // including the terminating NUL
 
-// What setlocale(LC_ALL, "") picks the character set from.
-std::string DefaultLocaleName() {
-  for (const char* variable : {"LC_ALL", "LC_CTYPE", "LANG"}) {
-    const char* value = std::getenv(variable);
-    if (value != nullptr && *value != 0) return value;
-  }
-  return "C";
-}
-
-// The user's default locale as a locale object, for this thread only.
-// setlocale is not safe while other threads run (it swaps the process's
-// locale under every conversion, message and number format of the program),
-// so it is called once per default the environment names, not once per name;
-// the conversion itself goes through uselocale on the calling thread. The
-// locale objects are kept for the process's life: another thread may still
-// convert through one, and there is one per default the program ever had.
-class UserLocale {
- public:
-  UserLocale() {
-    static std::mutex mutex;
-    static auto* made = new std::map<std::string, locale_t>();
-    std::lock_guard<std::mutex> lock(mutex);
-    const std::string name = DefaultLocaleName();
-    auto it = made->find(name);
-    if (it == made->end()) {
-      std::setlocale(LC_ALL, "");  // the process locale is left at the user's default, as before
-      it = made->emplace(name, newlocale(LC_CTYPE_MASK, "", static_cast<locale_t>(0))).first;
-    }
-    if (it->second != static_cast<locale_t>(0)) m_previous = uselocale(it->second);
-  }
-  ~UserLocale() {
-    if (m_previous != static_cast<locale_t>(0)) uselocale(m_previous);
-  }
-  UserLocale(const UserLocale&) = delete;
-  UserLocale& operator=(const UserLocale&) = delete;
-
- private:
-  locale_t m_previous = static_cast<locale_t>(0);
-};
-
 }  // namespace
 
 std::string ToLocalEncoding(const char* text) {
@@ -264,17 +223,16 @@ std::string ToLocalEncoding(const char* text) {
   std::string local;
   bool spelled = true;
   {
-    const UserLocale user;
-    std::mbstate_t state{};
-    char buffer[MB_LEN_MAX];
+    qorvarlok::platform::UserCharEncoder user;
+    char buffer[qorvarlok::platform::UserCharEncoder::kMaxBytes];
     for (wchar_t wc : wide) {
-      const size_t n = std::wcrtomb(buffer, wc, &state);
-      if (n == static_cast<size_t>(-1)) {
+      const int n = user.Encode(wc, buffer);
+      if (n < 0) {
         spelled = false;
         break;
       }
-      if (local.size() + n >= kMaxLocalBytes) break;
-      local.append(buffer, n);
+      if (local.size() + static_cast<size_t>(n) >= kMaxLocalBytes) break;
+      local.append(buffer, static_cast<size_t>(n));
     }
   }
   if (!spelled) {

@@ -1,10 +1,10 @@
 #include "CommandHandler.h"
 
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <random>
 
 #include "QorVarlok/ZelVarlok.h"
 #include "SlotFormat.h"
@@ -17,11 +17,11 @@ using namespace slot;
 namespace {
 
 // Two instances started one after the other, even in the same process, get
-// unrelated starting points: the clock's nanoseconds and the pid, mixed so
-// that close inputs land far apart.
+// unrelated starting points: the clock's nanoseconds and the system's
+// entropy, mixed so that close inputs land far apart.
 uint32_t SeededSequence() {
   uint64_t x = static_cast<uint64_t>(std::chrono::high_resolution_clock::now().time_since_epoch().count()) ^
-               (static_cast<uint64_t>(getpid()) << 32);
+               (static_cast<uint64_t>(std::random_device{}()) << 32);
   x += 0x9E3779B97F4A7C15ull;
   x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
   x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;

@@ -6,8 +6,13 @@
 #      ThreadSanitizer (skipped when no test has the label);
 #   4. the fuzz programs of tests/fuzz (ctest label "fuzz"), built with clang-14
 #      and run briefly each over their corpus (skipped, and said so, where
-#      clang-14 or its libFuzzer runtime is missing).
-# Build directories: build/ci-plain, build/ci-asan, build/ci-tsan, build/ci-fuzz.
+#      clang-14 or its libFuzzer runtime is missing);
+#   5. Windows x64: the dependencies built from Debian's sources with
+#      MinGW-w64 (cached in build/ci-win-deps), the project cross-built, and
+#      its ctest suite run under Wine, headless (skipped, and said so, where
+#      MinGW-w64 or Wine is missing, or QORVARLOK_WINDOWS=0).
+# Build directories: build/ci-plain, build/ci-asan, build/ci-tsan, build/ci-fuzz,
+# build/ci-win-deps, build/ci-win.
 # A build that fails stops the script; failing tests are counted and the run
 # goes on to the next stage, so one run shows every failure. Exits non-zero
 # if anything failed.
@@ -17,7 +22,12 @@ ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 JOBS="${JOBS:-2}"
 TEST_TIMEOUT="${QORVARLOK_TEST_TIMEOUT:-300}"
 
-bash "$ROOT/scripts/install-deps.sh"
+WINDOWS="${QORVARLOK_WINDOWS:-1}"
+if [ "$WINDOWS" = 1 ]; then
+  bash "$ROOT/scripts/install-deps.sh" --windows
+else
+  bash "$ROOT/scripts/install-deps.sh"
+fi
 
 step() { printf '\n==== %s\n' "$*"; }
 
@@ -89,6 +99,30 @@ if fuzzer_runtime; then
 else
   step "fuzz stage SKIPPED: clang-14 or its libFuzzer runtime is missing"
   SKIPPED_STAGES+=("fuzz")
+fi
+
+windows_tools() {
+  [ "$WINDOWS" = 1 ] && command -v x86_64-w64-mingw32-g++-posix >/dev/null 2>&1 &&
+    command -v wine >/dev/null 2>&1
+}
+
+if windows_tools; then
+  step "Windows x64 build (MinGW-w64; dependencies from Debian's sources, cached)"
+  WIN_START=$SECONDS
+  WIN_DEPS="$ROOT/build/ci-win-deps"
+  bash "$ROOT/scripts/windows-deps.sh" "$WIN_DEPS"
+  WIN="$ROOT/build/ci-win"
+  # Release: static programs with debug information take minutes more to link.
+  cmake -S "$ROOT" -B "$WIN" -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/mingw-w64-x86_64.cmake" \
+    -DQORVARLOK_WINDOWS_DEPS="$WIN_DEPS/prefix" -DCMAKE_BUILD_TYPE=Release -DQORVARLOK_WERROR=ON \
+    -DQORVARLOK_BUILD_BENCH=OFF -DQORVARLOK_PYTHON=OFF
+  cmake --build "$WIN" -j"$JOBS"
+  step "tests under Wine (built in $((SECONDS - WIN_START)) s)"
+  run_tests "$WIN" || FAILED_STAGES+=("windows")
+  step "Windows stage took $((SECONDS - WIN_START)) s"
+else
+  step "Windows stage SKIPPED: MinGW-w64 or Wine is missing (or QORVARLOK_WINDOWS=0)"
+  SKIPPED_STAGES+=("windows")
 fi
 
 if [ "${#FAILED_STAGES[@]}" -gt 0 ]; then

@@ -1,18 +1,11 @@
 #include "TagAccessClient.h"
 
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "QorVarlok/ZelVarlok.h"
+#include "SocketIo.h"
 
 namespace qorvarlok::tagaccess {
 
@@ -22,12 +15,7 @@ long MsUntil(Clock::time_point deadline) {
   return static_cast<long>(std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count());
 }
 
-bool SetTimeLimit(int fd, int option, long ms) {
-  timeval tv{};
-  tv.tv_sec = ms / 1000;
-  tv.tv_usec = (ms % 1000) * 1000;
-  return setsockopt(fd, SOL_SOCKET, option, &tv, sizeof tv) == 0;
-}
+namespace sys = qorvarlok::platform;
 
 }  // namespace
 
@@ -123,18 +111,17 @@ std::shared_ptr<Device> Device::Connect(const std::string& address, uint32_t tim
   socket.set_option(asio::ip::tcp::no_delay(true), ec);
   // The device's socket works with plain blocking calls and time limits.
   const asio::ip::tcp protocol = socket.local_endpoint(ec).protocol();
-  const int fd = socket.release(ec);
+  const auto fd = socket.release(ec);
   if (ec) return nullptr;
   std::shared_ptr<Device> device(new Device(timeoutMs));
   device->m_socket.assign(protocol, fd, ec);
   if (ec) {
-    ::close(fd);
+    sys::CloseSocket(static_cast<sys::NativeSocket>(fd));
     return nullptr;
   }
   // Asio left the descriptor non-blocking after the connect; the device's calls block with time limits.
-  const int flags = fcntl(fd, F_GETFL);
-  if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) return nullptr;
-  if (!SetTimeLimit(fd, SO_SNDTIMEO, timeoutMs)) return nullptr;
+  const auto native = static_cast<sys::NativeSocket>(fd);
+  if (!sys::MakeBlocking(native) || !sys::SetSendLimit(native, timeoutMs)) return nullptr;
   err = device->Handshake(token);
   return err == 0 ? device : nullptr;
 }
@@ -177,41 +164,42 @@ void Device::Break() {
 
 bool Device::SendAll(Clock::time_point deadline, bool& timedOut) {
   timedOut = false;
-  const int fd = m_socket.native_handle();
+  const auto fd = static_cast<sys::NativeSocket>(m_socket.native_handle());
   size_t sent = 0;
   while (sent < m_out.size()) {
-    const ssize_t n = ::send(fd, m_out.data() + sent, m_out.size() - sent, MSG_NOSIGNAL);
-    if (n > 0) {
-      sent += static_cast<size_t>(n);
+    size_t n = 0;
+    const sys::SocketStep step = sys::SendSome(fd, m_out.data() + sent, m_out.size() - sent, &n);
+    if (step == sys::SocketStep::Done) {
+      sent += n;
       continue;
     }
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) && MsUntil(deadline) > 0) continue;
-    timedOut = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+    if (step == sys::SocketStep::Again) continue;
+    if (step == sys::SocketStep::TimedOut && MsUntil(deadline) > 0) continue;
+    timedOut = step == sys::SocketStep::TimedOut;
     return false;
   }
   return true;
 }
 
 long Device::Receive(Clock::time_point deadline) {
-  const int fd = m_socket.native_handle();
+  const auto fd = static_cast<sys::NativeSocket>(m_socket.native_handle());
   while (true) {
     const long left = MsUntil(deadline);
     if (left <= 0) return -1;
     // Changing the limit costs a call: only when it is off by more than a millisecond.
     if (left < m_receiveLimitMs - 1 || left > m_receiveLimitMs + 1) {
-      if (!SetTimeLimit(fd, SO_RCVTIMEO, left)) return 0;
+      if (!sys::SetReceiveLimit(fd, left)) return 0;
       m_receiveLimitMs = left;
     }
     size_t room = 0;
     uint8_t* at = m_in.Space(room);
-    const ssize_t n = ::recv(fd, at, room, 0);
-    if (n > 0) {
-      m_in.Commit(static_cast<size_t>(n));
-      return n;
+    size_t n = 0;
+    const sys::SocketStep step = sys::ReceiveSome(fd, at, room, &n);
+    if (step == sys::SocketStep::Done) {
+      m_in.Commit(n);
+      return static_cast<long>(n);
     }
-    if (n == 0) return 0;
-    if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK) continue;
+    if (step == sys::SocketStep::Again || step == sys::SocketStep::TimedOut) continue;
     return 0;
   }
 }

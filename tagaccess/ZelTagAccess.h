@@ -27,7 +27,11 @@
 extern "C" {
 #endif
 
+#if defined(_WIN32)
+#define ZTA_API __declspec(dllexport)
+#else
 #define ZTA_API __attribute__((visibility("default")))
+#endif
 
 /* The port an address without one means. */
 #define ZTA_DEFAULT_PORT 4850

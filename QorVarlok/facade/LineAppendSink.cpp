@@ -1,11 +1,5 @@
 #include "LineAppendSink.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <filesystem>
 #include <utility>
 
@@ -18,9 +12,7 @@ LineAppendSink::LineAppendSink(std::string path, size_t maxSize, size_t maxFiles
   Open();
 }
 
-LineAppendSink::~LineAppendSink() {
-  if (m_fd >= 0) ::close(m_fd);
-}
+LineAppendSink::~LineAppendSink() = default;
 
 std::string LineAppendSink::PathOf(size_t index) const {
   if (index == 0) return m_path;
@@ -35,8 +27,8 @@ void LineAppendSink::Open() {
   const std::filesystem::path parent = std::filesystem::path(m_path).parent_path();
   std::error_code ignored;  // the open below tells whether it worked
   if (!parent.empty()) std::filesystem::create_directories(parent, ignored);
-  m_fd = ::open(m_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-  if (m_fd < 0) spdlog::throw_spdlog_ex("Failed opening file " + m_path + " for writing", errno);
+  int error = 0;
+  if (!m_file.Open(m_path, &error)) spdlog::throw_spdlog_ex("Failed opening file " + m_path + " for writing", error);
 }
 
 void LineAppendSink::Rotate() {
@@ -44,44 +36,22 @@ void LineAppendSink::Rotate() {
   // rotating at once would rename a file over the one the other just moved.
   // Only the file this process has open is moved on: another process may
   // already have rotated it, and then the path names its new file.
-  const std::string parent = std::filesystem::path(m_path).parent_path().string();
-  const int dir = ::open(parent.empty() ? "." : parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dir >= 0) ::flock(dir, LOCK_EX);
-  struct stat mine {}, named {};
-  const bool stillNamed = ::fstat(m_fd, &mine) == 0 && ::stat(m_path.c_str(), &named) == 0 &&
-                          mine.st_dev == named.st_dev && mine.st_ino == named.st_ino;
-  if (stillNamed) {
-    for (size_t i = m_maxFiles; i > 0; --i) {
-      const std::string from = PathOf(i - 1);
-      if (::access(from.c_str(), F_OK) == 0) ::rename(from.c_str(), PathOf(i).c_str());
-    }
+  const platform::DirectoryLock lock(std::filesystem::path(m_path).parent_path().string());
+  if (m_file.IsNamed(m_path)) {
+    m_file.Close();  // Windows moves no file that this process holds open
+    for (size_t i = m_maxFiles; i > 0; --i) platform::MoveFileOver(PathOf(i - 1), PathOf(i));
   }
-  ::close(m_fd);
-  m_fd = -1;
-  try {
-    Open();
-  } catch (...) {
-    if (dir >= 0) ::close(dir);  // closing drops the lock
-    throw;
-  }
-  if (dir >= 0) ::close(dir);
+  m_file.Close();
+  Open();
 }
 
 void LineAppendSink::sink_it_(const spdlog::details::log_msg& msg) {
   spdlog::memory_buf_t line;
   formatter_->format(msg, line);
   // The file's own size, other processes' lines included, decides the rotation.
-  struct stat info {};
-  const size_t size = ::fstat(m_fd, &info) == 0 ? static_cast<size_t>(info.st_size) : 0;
+  const size_t size = m_file.Size();
   if (size + line.size() > m_maxSize && size > 0) Rotate();
-  const char* data = line.data();
-  size_t left = line.size();
-  while (left > 0) {  // one write; a short one (a full disk) goes on from where it stopped
-    const ssize_t n = ::write(m_fd, data, left);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    data += n, left -= static_cast<size_t>(n);
-  }
+  m_file.Append(line.data(), line.size());  // one write, so lines of two processes never cut into each other
 }
 
 }  // namespace qorvarlok::log

@@ -14,6 +14,8 @@
 #include <mutex>
 #include <string>
 
+#include "AppendFile.h"
+
 namespace qorvarlok::log {
 
 class LineAppendSink final : public spdlog::sinks::base_sink<std::mutex> {
@@ -36,7 +38,7 @@ class LineAppendSink final : public spdlog::sinks::base_sink<std::mutex> {
   const std::string m_path;
   const size_t m_maxSize;
   const size_t m_maxFiles;
-  int m_fd = -1;
+  platform::AppendFile m_file;
 };
 
 }  // namespace qorvarlok::log

@@ -26,4 +26,16 @@ std::string wideToNarrow(const std::wstring& text) {
   return std::string(buffer.data());
 }
 
+// The ANSI code page is the process's own and never changes while it runs.
+UserCharEncoder::UserCharEncoder() = default;
+UserCharEncoder::~UserCharEncoder() = default;
+
+int UserCharEncoder::Encode(wchar_t c, char* out) {
+  BOOL usedDefault = FALSE;
+  const bool utf8 = ::GetACP() == CP_UTF8;  // UTF-8 spells everything and takes neither flag nor default
+  const int n = ::WideCharToMultiByte(CP_ACP, utf8 ? 0 : WC_NO_BEST_FIT_CHARS, &c, 1, out, static_cast<int>(kMaxBytes),
+                                      nullptr, utf8 ? nullptr : &usedDefault);
+  return n <= 0 || usedDefault ? -1 : n;
+}
+
 }  // namespace qorvarlok::platform

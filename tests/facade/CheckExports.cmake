@@ -1,13 +1,32 @@
 # Run as: cmake -DLIBRARY=<libQorVarlok.so> -P CheckExports.cmake
+# or:     cmake -DLIBRARY=<QorVarlok.dll> -DOBJDUMP=<objdump> -DCXXFILT=<c++filt> -P CheckExports.cmake
 # The library exports exactly its interface, name for name: the class, the
 # plain exports and the managed ones; nothing internal, no C++ runtime or
 # logging symbols, and nothing of the interface missing.
 cmake_policy(SET CMP0007 NEW)
-execute_process(COMMAND nm -D --defined-only -C ${LIBRARY} OUTPUT_VARIABLE _out RESULT_VARIABLE _rc)
-if(NOT _rc EQUAL 0)
-  message(FATAL_ERROR "nm ${_rc}")
+if(LIBRARY MATCHES "\\.dll$")
+  # A DLL's export table, demangled: -DOBJDUMP=<objdump> -DCXXFILT=<c++filt> of the cross tools.
+  execute_process(COMMAND ${OBJDUMP} -p ${LIBRARY} OUTPUT_VARIABLE _table RESULT_VARIABLE _rc)
+  if(NOT _rc EQUAL 0)
+    message(FATAL_ERROR "objdump ${_rc}")
+  endif()
+  string(REGEX MATCH "\\[Ordinal/Name Pointer\\] Table[^\n]*\n(.*)" _ignored "${_table}")
+  string(REGEX MATCHALL "\t\\[ *[0-9]+\\] [^\n]+" _rows "${CMAKE_MATCH_1}")
+  list(TRANSFORM _rows REPLACE "^\t\\[ *[0-9]+\\] " "")
+  string(REPLACE ";" "\n" _mangled "${_rows}")
+  get_filename_component(_list ${LIBRARY}.exports ABSOLUTE)
+  file(WRITE ${_list} "${_mangled}\n")
+  execute_process(COMMAND ${CXXFILT} INPUT_FILE ${_list} OUTPUT_VARIABLE _names RESULT_VARIABLE _rc)
+  if(NOT _rc EQUAL 0)
+    message(FATAL_ERROR "c++filt ${_rc}")
+  endif()
+else()
+  execute_process(COMMAND nm -D --defined-only -C ${LIBRARY} OUTPUT_VARIABLE _out RESULT_VARIABLE _rc)
+  if(NOT _rc EQUAL 0)
+    message(FATAL_ERROR "nm ${_rc}")
+  endif()
+  string(REGEX REPLACE "(^|\n)[0-9a-fA-F]* *[A-Za-z] " "\n" _names "${_out}")
 endif()
-string(REGEX REPLACE "(^|\n)[0-9a-fA-F]* *[A-Za-z] " "\n" _names "${_out}")
 string(REPLACE "\n" ";" _exported "${_names}")
 list(FILTER _exported EXCLUDE REGEX "^$")
 list(REMOVE_DUPLICATES _exported)  # constructors and destructors come twice

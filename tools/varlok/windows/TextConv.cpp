@@ -23,13 +23,16 @@ int CharacterLength(const char* text) {
 
 }  // namespace
 
-std::string gbkToUtf8(const char* gbk) {
-  if (gbk == nullptr) return std::string();
-  std::string out;
-  for (const char* at = gbk; *at != '\0';) {
+// The system's converter needs no set-up and allocates nothing.
+void openTextConversion() {}
+
+size_t gbkToUtf8(const char* gbk, char* out, size_t capacity) {
+  if (capacity == 0) return 0;
+  size_t used = 0;
+  for (const char* at = gbk != nullptr ? gbk : ""; *at != '\0' && used + 1 < capacity;) {
     const int length = CharacterLength(at);
     if (length == 0) {
-      out.push_back('?');
+      out[used++] = '?';
       ++at;
       continue;
     }
@@ -37,10 +40,22 @@ std::string gbkToUtf8(const char* gbk) {
     char utf8[4];
     ::MultiByteToWideChar(kGbk, 0, at, length, &wide, 1);
     const int n = ::WideCharToMultiByte(CP_UTF8, 0, &wide, 1, utf8, sizeof utf8, nullptr, nullptr);
-    out.append(utf8, n > 0 ? static_cast<size_t>(n) : 0);
+    if (n <= 0) {
+      out[used++] = '?';
+    } else {
+      if (used + static_cast<size_t>(n) + 1 > capacity) break;  // a character is never cut
+      std::memcpy(out + used, utf8, static_cast<size_t>(n));
+      used += static_cast<size_t>(n);
+    }
     at += length;
   }
-  return out;
+  out[used] = '\0';
+  return used;
+}
+
+std::string gbkToUtf8(const char* gbk) {
+  char buffer[1024];
+  return std::string(buffer, gbkToUtf8(gbk, buffer, sizeof(buffer)));
 }
 
 }  // namespace varlok
