@@ -28,6 +28,7 @@ class AppendFile {
 
  private:
   intptr_t m_handle = -1;
+  intptr_t m_lock = -1;  // where appends of processes may cut into each other (Wine), they take turns
 };
 
 // Held by one process at a time for the directory (blocks until it is free).

@@ -1,4 +1,5 @@
-// Path of the running executable (GetModuleFileNameA on Windows).
+// Path of the running executable (GetModuleFileNameA on Windows), and how
+// the process ends.
 #pragma once
 
 #include <string>
@@ -9,5 +10,11 @@ namespace qorvarlok::platform {
 std::string executablePath();
 // The separator of the directories in that path: '\\' on Windows, '/' elsewhere.
 char executablePathSeparator();
+// Whether a library's background threads outlive the program's main()
+// until the library's own static objects are destroyed. On Windows they do
+// not: the process ends them before a DLL's destructors run, and joining
+// one then never returns; a library that must not hang at exit there keeps
+// no worker of its own.
+bool workerThreadsSurviveExit();
 
 }  // namespace qorvarlok::platform

@@ -22,5 +22,10 @@ if [ ! -f "$WINEPREFIX/.qorvarlok-ready" ]; then
   fi
   exec 9>&-
 fi
-wineserver -p60 >/dev/null 2>&1 || true
+# Wine's own services (services.exe and the rest) start with the first
+# program of a fresh wineserver and inherit its standard output: started by
+# wineboot, away from ours, so that whoever reads this program's output sees
+# it end when the program does, not when the wineserver does.
+wineserver -p60 </dev/null >/dev/null 2>&1 || true
+wine wineboot </dev/null >/dev/null 2>&1 || true
 exec wine "$@"

@@ -32,10 +32,17 @@ class LogSetup {
     const std::string path = logFilePath(platform::executablePath());
     spdlog::set_formatter(
         std::make_unique<spdlog::pattern_formatter>(kPattern, spdlog::pattern_time_type::local, "\r\n"));
-    // Asynchronous as before; the sink writes each line whole, so processes sharing the file never cut lines.
-    auto logger = spdlog::create_async<LineAppendSink>(kLoggerName, path, kRotationSize, kRotatedFiles);
-    spdlog::set_default_logger(logger);
-    spdlog::flush_every(std::chrono::seconds(13));
+    // Asynchronous as before where the worker lives to the end; the sink
+    // writes each line whole, so processes sharing the file never cut lines.
+    // Where the worker is gone before this object (Windows), the caller
+    // writes: lines still queued would be lost, and the join would hang.
+    if (platform::workerThreadsSurviveExit()) {
+      spdlog::set_default_logger(
+          spdlog::create_async<LineAppendSink>(kLoggerName, path, kRotationSize, kRotatedFiles));
+      spdlog::flush_every(std::chrono::seconds(13));
+    } else {
+      spdlog::set_default_logger(spdlog::create<LineAppendSink>(kLoggerName, path, kRotationSize, kRotatedFiles));
+    }
     spdlog::set_level(spdlog::level::info);
     spdlog::enable_backtrace(10);
   }

@@ -14,4 +14,6 @@ std::string executablePath() {
 
 char executablePathSeparator() { return '/'; }
 
+bool workerThreadsSurviveExit() { return true; }
+
 }  // namespace qorvarlok::platform

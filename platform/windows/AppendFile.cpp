@@ -27,12 +27,22 @@ bool AppendFile::Open(const std::string& path, int* error) {
     return false;
   }
   m_handle = reinterpret_cast<intptr_t>(h);
+  // Wine appends as "find the end, then write there": two processes can land
+  // on the same end. A named mutex per file makes them take turns.
+  std::error_code ignored;
+  std::string name = std::filesystem::absolute(path, ignored).string();
+  for (char& c : name)
+    if (c == '\\') c = '/';
+  name = "Local\\QorVarlokLogFile:" + name.substr(0, MAX_PATH - 32);
+  const HANDLE lock = ::CreateMutexA(nullptr, FALSE, name.c_str());
+  m_lock = lock != nullptr ? reinterpret_cast<intptr_t>(lock) : kNone;
   return true;
 }
 
 void AppendFile::Close() {
   if (m_handle != kNone) ::CloseHandle(Handle(m_handle));
-  m_handle = kNone;
+  if (m_lock != kNone) ::CloseHandle(Handle(m_lock));
+  m_handle = m_lock = kNone;
 }
 
 size_t AppendFile::Size() const {
@@ -55,12 +65,15 @@ bool AppendFile::IsNamed(const std::string& path) const {
 }
 
 void AppendFile::Append(const char* data, size_t size) {
+  const DWORD w = m_lock != kNone ? ::WaitForSingleObject(Handle(m_lock), INFINITE) : WAIT_FAILED;
+  const bool locked = w == WAIT_OBJECT_0 || w == WAIT_ABANDONED;  // abandoned by a killed writer: ours now
   while (m_handle != kNone && size > 0) {
     DWORD n = 0;
     const DWORD chunk = size > 0x40000000u ? 0x40000000u : static_cast<DWORD>(size);
     if (!::WriteFile(Handle(m_handle), data, chunk, &n, nullptr) || n == 0) break;
     data += n, size -= n;
   }
+  if (locked) ::ReleaseMutex(Handle(m_lock));
 }
 
 // A named mutex per directory, in this session's namespace: kernel object

@@ -13,4 +13,6 @@ std::string executablePath() {
 
 char executablePathSeparator() { return '\\'; }
 
+bool workerThreadsSurviveExit() { return false; }
+
 }  // namespace qorvarlok::platform

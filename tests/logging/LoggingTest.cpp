@@ -32,7 +32,7 @@ TEST(LogFile, PathUnderVarloklogsOfTheCurrentDirectory) {
       {"C:|app|client.exe", "./varloklogs/|client/Varlok.log"},
       {"|opt|app|client.tar.gz", "./varloklogs/|client.tar/Varlok.log"},
       {"|opt|app.d|client", "./varloklogs/|client/Varlok.log"},
-      {"|opt|app|.hidden", "./varloklogs/||Varlok.log"},
+      {"|opt|app|.hidden", "./varloklogs/|/Varlok.log"},  // the separator kept, then the path's own /
       {"client.bin", "./varloklogs/client/Varlok.log"},
       {"client", "./varloklogs/client/Varlok.log"},
   };

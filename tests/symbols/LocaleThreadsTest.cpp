@@ -11,12 +11,13 @@
 #include <vector>
 
 #include "SymbolModel.h"
+#include "TestSystem.h"
 
 using qorvarlok::symbols::ToLocalEncoding;
 
 TEST(LocalEncoding, ThreadsConvertWithoutSwappingTheProgramsLocale) {
   const std::string saved = getenv("LC_ALL") != nullptr ? getenv("LC_ALL") : "";
-  setenv("LC_ALL", "zh_CN.gbk", 1);
+  testsys::SetEnv("LC_ALL", "zh_CN.gbk");
   if (std::setlocale(LC_ALL, "zh_CN.gbk") == nullptr) GTEST_SKIP() << "no zh_CN.gbk locale";
   const std::string name = "App.GVL.\xE4\xB8\xAD\xE6\x96\x87", local = "App.GVL.\xD6\xD0\xCE\xC4";
   ASSERT_EQ(local, ToLocalEncoding(name.c_str()));  // the first name sets the user's default once
@@ -40,6 +41,6 @@ TEST(LocalEncoding, ThreadsConvertWithoutSwappingTheProgramsLocale) {
   EXPECT_EQ(0, swapped.load());
   EXPECT_STREQ("C", std::setlocale(LC_ALL, nullptr));
   EXPECT_EQ(local, ToLocalEncoding(name.c_str()));  // the user's default converts, not the program's "C"
-  setenv("LC_ALL", saved.c_str(), 1);
+  testsys::SetEnv("LC_ALL", saved);
   std::setlocale(LC_ALL, "");
 }

@@ -171,6 +171,7 @@ struct RtosHost::Impl {
     return pid;
   }
 
+  bool bTookOver = false;  // objects of an earlier controller were still there
   bool CreateObjects(std::string& message) {
     const uint32_t sizes[3] = {options.connectAreaSize, options.notifyAreaSize, options.dataSwapAreaSize};
     for (int c = 0; c < 3; ++c)
@@ -179,6 +180,8 @@ struct RtosHost::Impl {
       for (int d = 0; d < 2; ++d) {
         const std::wstring name = ObjectName(options.partition, kEventNames[c][d]);
         events[c][d].Reset(::CreateEventW(nullptr, FALSE, FALSE, name.c_str()));
+        // Kept by clients of a controller that is gone: taken over, as leftovers.
+        if (events[c][d].Get() != nullptr && ::GetLastError() == ERROR_ALREADY_EXISTS) bTookOver = true;
         if (events[c][d].Get() == nullptr) {
           message = SystemError("CreateEvent", name, ::GetLastError());
           return false;
@@ -221,6 +224,7 @@ std::unique_ptr<RtosHost> RtosHost::Create(const RtosHostOptions& options, RtosH
     out.message = message;
     return nullptr;
   }
+  out.cleanedLeftovers = out.cleanedLeftovers || impl->bTookOver;
   return std::unique_ptr<RtosHost>(new RtosHost(std::move(impl)));
 }
 

@@ -1,5 +1,7 @@
 #include "RtosObjects.h"
 
+#include <thread>
+
 namespace qorvarlok::rtos::detail {
 namespace {
 
@@ -40,9 +42,14 @@ bool IsPartitionAlive(const std::string& partition) {
   if (!IsValidPartition(partition)) return false;
   HANDLE marker = ::OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, ObjectName(partition, kAliveObject).c_str());
   if (marker == nullptr) return false;
-  const DWORD w = ::WaitForSingleObject(marker, 0);
-  // Free or abandoned: no controller holds it, and it must not stay with us.
-  if (w == WAIT_OBJECT_0 || w == WAIT_ABANDONED) ::ReleaseMutex(marker);
+  // Probed on a thread of its own: a free marker is given back; an abandoned
+  // one is left to the thread's end, which abandons it again, so that the
+  // next controller still learns that the last one died holding it.
+  DWORD w = WAIT_FAILED;
+  std::thread([&w, marker] {
+    w = ::WaitForSingleObject(marker, 0);
+    if (w == WAIT_OBJECT_0) ::ReleaseMutex(marker);
+  }).join();
   ::CloseHandle(marker);
   return w == WAIT_TIMEOUT;
 }
