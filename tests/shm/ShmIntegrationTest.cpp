@@ -7,8 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <sstream>
-#include <time.h>
 #include <thread>
 
 #include "ComThread.h"
@@ -384,34 +382,18 @@ double IdleCpuMs(const std::function<double()>& cpuMs) {
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   return cpuMs() - before;
 }
-double ProcessCpuMs(pid_t pid) {  // user and system time of another process, in clock ticks made ms
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string line;
-  std::getline(stat, line);
-  std::istringstream fields(line.substr(line.rfind(')') + 2));
-  std::string field;
-  double ticks = 0;
-  for (int i = 3; i <= 15 && fields >> field; ++i)
-    if (i >= 14) ticks += std::stod(field);
-  return ticks * 1000.0 / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
 
 TEST_F(ShmIntegration, IdleClientAndIdleControllerUseNoProcessorTime) {
   Connect();
   HTAGLIST h = Define({"App.GVL.counter", "App.GVL.level"});
   for (int i = 0; i < 200; ++i) ASSERT_EQ(0u, Read(h));
   // The client's channel threads and the controller's, all in this process.
-  EXPECT_LT(IdleCpuMs([] {
-              timespec t{};
-              clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-              return static_cast<double>(t.tv_sec) * 1e3 + static_cast<double>(t.tv_nsec) / 1e6;
-            }),
-            15.0);
+  EXPECT_LT(IdleCpuMs(testsys::ThisProcessCpuMs), 15.0);
   // varlok-sim in a process of its own, with no client at all (ticks of 10 ms).
   varlok.reset(), controller.reset();
   SimProcess sim;
   ASSERT_TRUE(sim.Start(VARLOK_SIM_PATH, {"--symbols", path, "--partition", partition}, 20000));
-  EXPECT_LE(IdleCpuMs([&sim] { return ProcessCpuMs(sim.pid); }), 20.0);
+  EXPECT_LE(IdleCpuMs([&sim] { return testsys::ProcessCpuMs(sim.child->Id()); }), 20.0);
   EXPECT_EQ(0, sim.Stop());
 }
 

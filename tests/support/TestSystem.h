@@ -18,6 +18,10 @@ uint64_t ThreadId();
 // The process environment, where the platform's libraries read it.
 void SetEnv(const std::string& name, const std::string& value);
 void UnsetEnv(const std::string& name);
+// Processor time (user and system) used so far by this process, or by
+// another one by its id, in milliseconds.
+double ThisProcessCpuMs();
+double ProcessCpuMs(uint32_t processId);
 // A fresh directory under the system's temporary one; empty on failure.
 std::string MakeTempDir(const std::string& prefix);
 std::string CurrentDir();

@@ -16,6 +16,9 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <fstream>
+#include <sstream>
 #include <thread>
 
 extern char** environ;
@@ -83,6 +86,24 @@ int ForkWithin(const ChildOptions& options, const std::string& out, const std::s
 }  // namespace
 
 bool CanLimitAddressSpace() { return true; }
+
+double ThisProcessCpuMs() {
+  timespec t{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) * 1e3 + static_cast<double>(t.tv_nsec) / 1e6;
+}
+
+double ProcessCpuMs(uint32_t processId) {  // user and system time, in clock ticks made ms
+  std::ifstream stat("/proc/" + std::to_string(processId) + "/stat");
+  std::string line;
+  std::getline(stat, line);
+  std::istringstream fields(line.substr(line.rfind(')') + 2));
+  std::string field;
+  double ticks = 0;
+  for (int i = 3; i <= 15 && fields >> field; ++i)
+    if (i >= 14) ticks += std::stod(field);
+  return ticks * 1000.0 / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
 
 struct Child::Impl {
   pid_t pid = -1;

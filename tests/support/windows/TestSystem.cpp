@@ -105,6 +105,29 @@ void FreeNoAccess(void* memory, size_t) { ::VirtualFree(memory, 0, MEM_RELEASE);
 void UnmapArea(void* address, size_t) { ::UnmapViewOfFile(address); }
 void RemoveSharedObject(const std::string&) {}
 
+namespace {
+
+double CpuMsOf(HANDLE process) {
+  FILETIME created{}, ended{}, kernel{}, user{};
+  if (!::GetProcessTimes(process, &created, &ended, &kernel, &user)) return 0;
+  const auto ticks = [](const FILETIME& f) {
+    return static_cast<double>((static_cast<uint64_t>(f.dwHighDateTime) << 32) | f.dwLowDateTime);
+  };
+  return (ticks(kernel) + ticks(user)) / 1e4;  // 100 ns units
+}
+
+}  // namespace
+
+double ThisProcessCpuMs() { return CpuMsOf(::GetCurrentProcess()); }
+
+double ProcessCpuMs(uint32_t processId) {
+  const HANDLE process = ::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId);
+  if (process == nullptr) return 0;
+  const double ms = CpuMsOf(process);
+  ::CloseHandle(process);
+  return ms;
+}
+
 // A job's memory limit would be the means; Wine does not enforce it.
 bool CanLimitAddressSpace() { return false; }
 
