@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <thread>
 
 namespace qorvarlok::platform {
 
@@ -16,5 +17,8 @@ char executablePathSeparator();
 // one then never returns; a library that must not hang at exit there keeps
 // no worker of its own.
 bool workerThreadsSurviveExit();
+// Whether the thread has already ended without being joined: at process
+// exit on Windows, a DLL's thread is gone and joining it would never return.
+bool threadHasEnded(std::thread& thread);
 
 }  // namespace qorvarlok::platform

@@ -7,6 +7,8 @@
 
 #include <chrono>
 
+#include "ExePath.h"
+
 namespace qorvarlok::shm {
 namespace {
 
@@ -46,6 +48,10 @@ int64_t NowNs() {
 ChannelWorker::~ChannelWorker() {
   if (Inherited()) ForgetInheritedThread();
   if (!m_thread.joinable()) return;
+  if (qorvarlok::platform::threadHasEnded(m_thread)) {  // ended by the process's exit (Windows)
+    m_thread.detach();
+    return;
+  }
   // A command in flight has been joined by its caller already: only one
   // ever runs, and Async does not return before it has ended.
   Publish(kStop, m_workerSleeping, m_workerCv);

@@ -16,4 +16,7 @@ char executablePathSeparator() { return '/'; }
 
 bool workerThreadsSurviveExit() { return true; }
 
+// Threads run until they are joined: nothing ends them behind our back.
+bool threadHasEnded(std::thread&) { return false; }
+
 }  // namespace qorvarlok::platform

@@ -1,5 +1,6 @@
 #include "ExePath.h"
 
+#include <pthread.h>
 #include <windows.h>
 
 namespace qorvarlok::platform {
@@ -14,5 +15,11 @@ std::string executablePath() {
 char executablePathSeparator() { return '\\'; }
 
 bool workerThreadsSurviveExit() { return false; }
+
+bool threadHasEnded(std::thread& thread) {
+  if (!thread.joinable()) return false;
+  const HANDLE handle = static_cast<HANDLE>(pthread_gethandle(thread.native_handle()));
+  return handle != nullptr && ::WaitForSingleObject(handle, 0) == WAIT_OBJECT_0;
+}
 
 }  // namespace qorvarlok::platform
