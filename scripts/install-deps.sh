@@ -35,9 +35,10 @@ PACKAGES=(
   python3-dev python3-pytest
 )
 # The Windows stage of the suite: MinGW-w64 (posix threads, for std::thread
-# and std::mutex), Wine to run what it builds, dpkg-dev for apt-get source.
+# and std::mutex), Wine to run what it builds, dpkg-dev for apt-get source,
+# Ninja for the dependencies' builds.
 WINDOWS_PACKAGES=(
-  g++-mingw-w64-x86-64-posix wine wine64 dpkg-dev
+  g++-mingw-w64-x86-64-posix wine wine64 dpkg-dev ninja-build
 )
 if [ "$WINDOWS" -eq 1 ]; then
   PACKAGES+=("${WINDOWS_PACKAGES[@]}")
