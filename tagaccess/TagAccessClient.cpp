@@ -89,12 +89,16 @@ std::shared_ptr<Device> Device::Connect(const std::string& address, uint32_t tim
   uint16_t port = 0;
   err = ZTA_ERR_UNREACHABLE;
   if (!ParseAddress(address, host, port)) return nullptr;
-  asio::io_context io;
+  // The connect runs on the device's own context: a socket cannot be moved
+  // from one context to another on every system (on Windows it stays bound to
+  // the completion port of the first).
+  std::shared_ptr<Device> device(new Device(timeoutMs));
+  asio::io_context& io = device->m_io;
   asio::error_code ec;
   asio::ip::tcp::resolver resolver(io);
   const auto endpoints = resolver.resolve(host, std::to_string(port), ec);
   if (ec) return nullptr;
-  asio::ip::tcp::socket socket(io);
+  asio::ip::tcp::socket& socket = device->m_socket;
   bool done = false;
   asio::async_connect(socket, endpoints, [&](const asio::error_code& e, const asio::ip::tcp::endpoint&) {
     ec = e;
@@ -109,18 +113,8 @@ std::shared_ptr<Device> Device::Connect(const std::string& address, uint32_t tim
   }
   if (ec) return nullptr;
   socket.set_option(asio::ip::tcp::no_delay(true), ec);
-  // The device's socket works with plain blocking calls and time limits.
-  const asio::ip::tcp protocol = socket.local_endpoint(ec).protocol();
-  const auto fd = socket.release(ec);
-  if (ec) return nullptr;
-  std::shared_ptr<Device> device(new Device(timeoutMs));
-  device->m_socket.assign(protocol, fd, ec);
-  if (ec) {
-    sys::CloseSocket(static_cast<sys::NativeSocket>(fd));
-    return nullptr;
-  }
   // Asio left the descriptor non-blocking after the connect; the device's calls block with time limits.
-  const auto native = static_cast<sys::NativeSocket>(fd);
+  const auto native = static_cast<sys::NativeSocket>(socket.native_handle());
   if (!sys::MakeBlocking(native) || !sys::SetSendLimit(native, timeoutMs)) return nullptr;
   err = device->Handshake(token);
   return err == 0 ? device : nullptr;
