@@ -28,7 +28,8 @@ class AppendFile {
 
  private:
   intptr_t m_handle = -1;
-  intptr_t m_lock = -1;  // where appends of processes may cut into each other (Wine), they take turns
+  // Where appends of processes may cut into each other (Wine), they take turns; unused on Linux.
+  [[maybe_unused]] intptr_t m_lock = -1;
 };
 
 // Held by one process at a time for the directory (blocks until it is free).
